@@ -1,0 +1,38 @@
+# Unit tests: the kernel's own sources as 32-bit host code under ASan and UBSan, linked with the
+# fake machine of tests/machine, whose arch/x86 headers stand before the real ones.
+#
+# Our memcpy, strlen and so on must be the ones that run and are tested, so the kernel library's
+# symbols of those names get the prefix vorn_ after compilation.
+
+set(GTEST_SOURCES /usr/src/googletest/googletest)
+set(VORN_HOST_FLAGS -m32 -O1 -g -fno-omit-frame-pointer
+  -fsanitize=address,undefined -fno-sanitize-recover=all)
+
+add_library(gtest32 STATIC ${GTEST_SOURCES}/src/gtest-all.cc ${GTEST_SOURCES}/src/gtest_main.cc)
+target_include_directories(gtest32 SYSTEM PUBLIC ${GTEST_SOURCES}/include PRIVATE ${GTEST_SOURCES})
+target_compile_options(gtest32 PUBLIC ${VORN_HOST_FLAGS})
+target_link_options(gtest32 PUBLIC -m32 -fsanitize=address,undefined)
+
+add_library(vorn_host_flags INTERFACE)
+target_include_directories(vorn_host_flags INTERFACE
+  ${CMAKE_SOURCE_DIR}/tests/machine ${CMAKE_SOURCE_DIR})
+target_compile_definitions(vorn_host_flags INTERFACE VORN_HOST=1)
+target_compile_options(vorn_host_flags INTERFACE ${VORN_HOST_FLAGS} ${VORN_WARNINGS})
+
+add_library(vorn_host_raw STATIC ${VORN_KERNEL_SOURCES})
+target_link_libraries(vorn_host_raw PRIVATE vorn_host_flags)
+target_compile_options(vorn_host_raw PRIVATE
+  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-builtin -fno-tree-loop-distribute-patterns)
+
+set(VORN_OWN_SYMBOLS ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.txt)
+set(VORN_HOST_LIB ${CMAKE_BINARY_DIR}/libvorn_host.a)
+add_custom_command(OUTPUT ${VORN_HOST_LIB}
+  COMMAND objcopy --redefine-syms=${VORN_OWN_SYMBOLS} $<TARGET_FILE:vorn_host_raw> ${VORN_HOST_LIB}
+  DEPENDS vorn_host_raw ${VORN_OWN_SYMBOLS})
+add_custom_target(vorn_host_renamed DEPENDS ${VORN_HOST_LIB})
+
+file(GLOB VORN_MACHINE_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/machine/*.cpp)
+file(GLOB_RECURSE VORN_UNIT_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/unit/*.cpp)
+add_executable(vorn_unit ${VORN_UNIT_SOURCES} ${VORN_MACHINE_SOURCES})
+add_dependencies(vorn_unit vorn_host_renamed)
+target_link_libraries(vorn_unit PRIVATE vorn_host_flags gtest32 ${VORN_HOST_LIB})
