@@ -1,0 +1,163 @@
+// Start-up: the one list that wires the house. Each step prints its line once it is done; the
+// order is part of the contract, because later steps rest on earlier ones.
+#include "kernel/core/main.h"
+
+#include "arch/x86/cpu.h"
+#include "arch/x86/hal.h"
+#include "arch/x86/image.h"
+#include "kernel/apps/shell.h"
+#include "kernel/apps/surgeon.h"
+#include "kernel/core/interrupt.h"
+#include "kernel/core/kprintf.h"
+#include "kernel/core/memory.h"
+#include "kernel/core/noise.h"
+#include "kernel/core/smp.h"
+#include "kernel/core/task.h"
+#include "kernel/core/version.h"
+#include "kernel/core/x86.h"
+#include "kernel/drivers/console.h"
+#include "kernel/drivers/dmesg.h"
+#include "kernel/drivers/hwrng.h"
+#include "kernel/drivers/keyboard.h"
+#include "kernel/graph/causal.h"
+
+namespace {
+
+constexpr uint32_t TIMER_HZ = 100;
+constexpr int IDLE_PRIORITY = 7;
+constexpr int SHELL_PRIORITY = 2;
+constexpr uint8_t COLOR_CYAN = 11;
+constexpr uint8_t COLOR_GREY = 7;
+
+constexpr const char* BANNER =
+    " __     __\n"
+    " \\ \\   / /__  _ __ _ __\n"
+    "  \\ \\ / / _ \\| '__| '_ \\\n"
+    "   \\ V / (_) | |  | | | |\n"
+    "    \\_/ \\___/|_|  |_| |_|\n";
+
+constexpr const char* WELCOME_BOX =
+    "  ┌─────────────────────────────────────────────────┐\n"
+    "  │ Vorn — A Causal Graph-Native Operating System   │\n"
+    "  │                                                 │\n"
+    "  │ Unique features:                                │\n"
+    "  │   events   — Browse recent causal events        │\n"
+    "  │   why      — Trace causality                    │\n"
+    "  │   whatif   — Counterfactual analysis            │\n"
+    "  │   status   — System health snapshot             │\n"
+    "  │   showcase — Guided feature map                 │\n"
+    "  │ Type 'help' for all commands                    │\n"
+    "  └─────────────────────────────────────────────────┘\n";
+
+void print_banner() {
+    console_set_color(COLOR_CYAN, 0);
+    kprint_text(BANNER);
+    console_set_color(COLOR_GREY, 0);
+    kprintf("Vorn %s — %s\n\n", VORN_VERSION, VORN_LONG_NAME);
+}
+
+void start_interrupts() {
+    gdt_init();
+    kprintf("[boot] GDT initialized (ring 0 + ring 3 segments)\n");
+    idt_init();
+    kprintf("[boot] IDT initialized (256 vectors)\n");
+    hal_irq_init();
+    kprintf("[boot] Interrupt controller initialized\n");
+    interrupt_set_fault_hook(surgeon_enter);
+}
+
+void start_memory(multiboot_info_t* info) {
+    constexpr uint32_t FRAME_KB = 4;
+    pmm_init(info);
+    const uint32_t total = pmm_total_frames();
+    const uint32_t used = pmm_used_frames();
+    kprintf("[boot] PMM: %u KB total, %u KB used, %u KB free\n", total * FRAME_KB, used * FRAME_KB,
+            (total - used) * FRAME_KB);
+    vmm_init();
+    vmm_protect_readonly(image_start(), image_readonly_end());
+    kprintf("[boot] VMM: Paging enabled, 128 MB identity mapped\n");
+    heap_init();
+    kprintf("[boot] Heap initialized (48 MB)\n");
+}
+
+/// The console's question where the running task's output goes.
+bool running_task_session(console_session_t* out) {
+    const task_t* task = task_current();
+    if (task == nullptr || task->io_write == nullptr)
+        return false;
+    *out = {task->io_write, task->io_ctx};
+    return true;
+}
+
+void start_tasks() {
+    tss_init();
+    kprintf("[boot] TSS installed (ring 0/3 transitions ready)\n");
+    keyboard_init();
+    kprintf("[boot] PS/2 keyboard driver ready\n");
+    task_init();
+    console_set_session_hook(running_task_session);
+    kprintf("[boot] Task manager initialized\n");
+}
+
+void start_timer() {
+    hal_timer_init(TIMER_HZ);
+    kprintf("[boot] Timer at %u Hz\n", TIMER_HZ);
+    cpu_sti();
+}
+
+/// At priority 7 it runs only when nothing else is ready; it never blocks.
+void idle_task() {
+    for (;;) {
+        task_yield();
+        task_idle_wait();
+    }
+}
+
+void start_system_tasks() {
+    const int cpus = smp_init();
+    if (cpus > 1)
+        kprintf("[boot] SMP: %d CPUs, inter-core channels active\n", cpus);
+    task_t* idle = task_create("idle", idle_task, IDLE_PRIORITY);
+    if (idle == nullptr || task_create("shell", shell_task, SHELL_PRIORITY) == nullptr) {
+        kprintf("[boot] ERROR: no memory for the system tasks\n");
+        cpu_halt_forever();
+    }
+    kprintf("[boot] System tasks created\n");
+}
+
+}  // namespace
+
+void kernel_main(uint32_t magic, multiboot_info_t* info) {
+    console_init();
+    dmesg_init();
+    print_banner();
+    if (magic != MULTIBOOT_LOADER_MAGIC) {
+        kprintf("ERROR: Not booted by a Multiboot loader (magic=0x%x)\n", magic);
+        cpu_halt_forever();
+    }
+    kprintf("[boot] Multiboot OK, info at 0x%x\n", reinterpret_cast<uintptr_t>(info));
+    start_interrupts();
+    start_memory(info);
+    causal_init();
+    causal_emit(CAUSAL_SCHED, "boot", "kernel boot started", nullptr, 0);
+    start_tasks();
+    start_timer();
+    hwrng_init();
+    noise_init();
+    start_system_tasks();
+    sched_start();
+    kprintf("[boot] Scheduler active\n\n");
+    kprint_text(WELCOME_BOX);
+    kprintf("\n");
+    task_set_priority(task_getpid(), IDLE_PRIORITY);
+    idle_task();
+    __builtin_unreachable();
+}
+
+void kernel_shutdown(bool reboot) {
+    const char* word = reboot ? "reboot" : "halt";
+    kprintf("[shutdown] Initiating %s...\n", word);
+    causal_event_fmt(CAUSAL_SCHED, "kernel", "shutdown type=%s", word);
+    kprintf("[shutdown] System %s\n", reboot ? "rebooting" : "halted");
+    hal_shutdown();
+}

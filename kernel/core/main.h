@@ -1,0 +1,16 @@
+// Start-up and shutdown of the whole system.
+#pragma once
+
+#include <stdint.h>
+
+#include "kernel/core/multiboot.h"
+
+/// The start-up sequence: initialises every subsystem in a fixed order and prints a "[boot] " line
+/// for each, then becomes the boot task. Called by _start on the bootstrap processor with
+/// interrupts masked. `magic` is the loader's; any but MULTIBOOT_LOADER_MAGIC prints an error and
+/// halts. `info` is the loader's boot information. Never returns.
+extern "C" [[noreturn]] void kernel_main(uint32_t magic, multiboot_info_t* info);
+
+/// Prints and records the shutdown, then powers the machine off: a reboot is only announced, the
+/// platform has no reset. Records "shutdown type=%s" (CAUSAL_SCHED, "kernel"). Task context.
+[[noreturn]] void kernel_shutdown(bool reboot);
