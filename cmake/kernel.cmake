@@ -30,7 +30,8 @@ function(vorn_link name)
 endfunction()
 
 # vorn_image(NAME SOURCES...): links build/NAME.elf from the kernel's objects and these sources.
-# The first link gives the addresses of the functions, the second carries their table.
+# The first link gives the addresses of the functions, the second carries their table; no function
+# may have moved between the two.
 function(vorn_image name)
   add_library(${name}_own OBJECT ${ARGN})
   target_link_libraries(${name}_own PRIVATE vorn_flags)
@@ -38,13 +39,13 @@ function(vorn_image name)
 
   set(table ${CMAKE_BINARY_DIR}/${name}_ksyms.S)
   add_custom_command(OUTPUT ${table}
-    COMMAND nm -n -S --defined-only $<TARGET_FILE:${name}_bare> | $<TARGET_FILE:ksyms> > ${table}
+    COMMAND nm -S --defined-only $<TARGET_FILE:${name}_bare> | $<TARGET_FILE:ksyms> > ${table}
     DEPENDS ${name}_bare ksyms VERBATIM)
   vorn_link(${name} $<TARGET_OBJECTS:${name}_own> ${table})
   set_target_properties(${name} PROPERTIES
     OUTPUT_NAME ${name}.elf RUNTIME_OUTPUT_DIRECTORY ${CMAKE_SOURCE_DIR}/build)
   add_custom_command(TARGET ${name} POST_BUILD
-    COMMAND nm -n -S --defined-only $<TARGET_FILE:${name}> | $<TARGET_FILE:ksyms> --check ${table}
+    COMMAND nm -S --defined-only $<TARGET_FILE:${name}> | $<TARGET_FILE:ksyms> | cmp - ${table}
     VERBATIM)
 endfunction()
 
