@@ -1,0 +1,175 @@
+// The measuring image: the kernel's own objects under a start-up that times them. Each line reads
+// "bench NAME MEDIAN MIN MAX" in time-stamp counts for one operation; bench/run.py boots it twice,
+// once counting instructions (one count each) and once in plain time for what the devices cost.
+#include <algorithm>
+#include <array>
+
+#include "arch/x86/cpu.h"
+#include "arch/x86/hal.h"
+#include "arch/x86/ports.h"
+#include "kernel/core/interrupt.h"
+#include "kernel/core/kprintf.h"
+#include "kernel/core/main.h"
+#include "kernel/core/memory.h"
+#include "kernel/core/running.h"
+#include "kernel/core/string.h"
+#include "kernel/core/task.h"
+#include "kernel/core/x86.h"
+#include "kernel/drivers/console.h"
+#include "kernel/graph/causal.h"
+
+namespace {
+
+constexpr size_t RUNS = 9;
+constexpr int BENCH_LINE = 5;  // an interrupt line with no device behind it
+
+/// Times `body` RUNS times at `operations` operations each and prints the cost of one.
+template <typename Body>
+void measure(const char* name, uint32_t operations, Body body) {
+    std::array<uint32_t, RUNS> costs;
+    body();
+    for (uint32_t& cost : costs) {
+        const uint64_t start = cpu_rdtsc();
+        body();
+        cost = static_cast<uint32_t>(cpu_rdtsc() - start) / operations;
+    }
+    std::sort(costs.begin(), costs.end());
+    kprintf("bench %s %u %u %u\n", name, costs[RUNS / 2], costs.front(), costs.back());
+}
+
+/// measure() for an operation that costs little: repeats it.
+template <typename Operation>
+void measure_each(const char* name, uint32_t repeats, Operation operation) {
+    measure(name, repeats, [&] {
+        for (uint32_t i = 0; i < repeats; ++i)
+            operation();
+    });
+}
+
+void measure_events() {
+    constexpr uint32_t REPEATS = 1000;
+    static uint8_t payload[24] = {8, 0, 1};
+    uint32_t parent = causal_emit(CAUSAL_USER, "bench", "root of the measured events", nullptr, 0);
+    measure_each("event-one-parent", REPEATS, [&] {
+        parent = causal_emit(CAUSAL_FS, "vofs", "write ino=12 len=512 off=4096", &parent, 1);
+    });
+    measure_each("event-payload-24", REPEATS, [&] {
+        parent = causal_emit_payload(CAUSAL_NET, "tcp", "rx seq=100 len=512", &parent, 1, payload,
+                                     sizeof payload);
+    });
+    measure_each("event-formatted", REPEATS, [&] {
+        parent = causal_event_fmt(CAUSAL_SCHED, "sched", "pid=%d name=%s pri=%d", 42, "worker", 4);
+    });
+}
+
+void measure_memory() {
+    constexpr uint32_t REPEATS = 200;
+    constexpr size_t PAGE = 4096;
+    constexpr size_t EVENT = sizeof(causal_event_t);
+    static uint32_t from[PAGE / 4], to[PAGE / 4];
+    measure_each("memcpy-4096", REPEATS, [] { memcpy(to, from, PAGE); });
+    measure_each("movsl-4096", REPEATS, [] { cpu_copy_words(to, from, PAGE / 4); });
+    measure_each("memcpy-608", REPEATS, [] { memcpy(to, from, EVENT); });
+    measure_each("movsl-608", REPEATS, [] { cpu_copy_words(to, from, EVENT / 4); });
+    measure_each("memset-4096", REPEATS, [] { memset(to, 1, PAGE); });
+    measure_each("stosl-4096", REPEATS, [] { cpu_fill_words(to, 0x01010101, PAGE / 4); });
+    measure_each("memset-608", REPEATS, [] { memset(to, 1, EVENT); });
+    measure_each("stosl-608", REPEATS, [] { cpu_fill_words(to, 0x01010101, EVENT / 4); });
+}
+
+void measure_heap() {
+    constexpr uint32_t LIVE = 100;
+    static std::array<void*, LIVE> live;
+    uint32_t seed = 1;
+    for (void*& block : live)
+        block = kmalloc(16 + krng(&seed) % 1000);
+    uint32_t next = 0;
+    measure_each("kmalloc-kfree-100-live", 1000, [&] {
+        kfree(live[next]);
+        live[next] = kmalloc(16 + krng(&seed) % 1000);
+        next = (next + 37) % LIVE;
+    });
+    for (void* block : live)
+        kfree(block);
+}
+
+void measure_formatting() {
+    static char text[128];
+    measure_each("format-event-line", 500, [] {
+        ksnprintf(text, sizeof text, "[%u] T+%u %s %s: %s", 123456u, 98765u, "sched", "sched",
+                  "switch idle->shell");
+    });
+}
+
+void measure_interrupt() {
+    irq_install_handler(BENCH_LINE, [](registers_t*) {});
+    measure_each("interrupt", 1000, [] { asm volatile("int %0" : : "i"(32 + BENCH_LINE)); });
+}
+
+constexpr uint32_t SWITCHES = 1000;
+volatile bool partner_stops;
+
+/// Leaves the processor as a task does that has recorded something, so that the switch is recorded.
+void yield_recorded() {
+    running().recorded = true;
+    task_yield();
+}
+
+void partner_task() {
+    while (!partner_stops)
+        yield_recorded();
+}
+
+void measure_switch() {
+    task_create("partner", partner_task, 4);
+    sched_start();
+    task_yield();
+    measure("switch-recorded", 2 * SWITCHES, [] {
+        for (uint32_t i = 0; i < SWITCHES; ++i)
+            yield_recorded();
+    });
+    measure("switch-unrecorded", 2 * SWITCHES, [] {
+        for (uint32_t i = 0; i < SWITCHES; ++i)
+            task_yield();
+    });
+    partner_stops = true;
+    task_yield();
+}
+
+void measure_console() {
+    constexpr uint16_t LINE_STATUS = 0x3FD;
+    auto* cell = reinterpret_cast<volatile uint16_t*>(0xB8000);
+    measure_each("port-read-and-cell", 1000, [&] {
+        (void)inb(LINE_STATUS);
+        *cell = 0x0720;
+    });
+    static char swallowed[2000];
+    measure_each("console-character", 1000, [] { console_putchar('.'); });
+    console_putchar('\n');
+    console_start_capture(swallowed, sizeof swallowed);
+    measure_each("console-captured", 100, [] { console_putchar('.'); });
+    console_stop_capture();
+}
+
+}  // namespace
+
+void kernel_main(uint32_t, multiboot_info_t* info) {
+    console_init();
+    gdt_init();
+    idt_init();
+    pmm_init(info);
+    vmm_init();
+    heap_init();
+    causal_init();
+    tss_init();
+    task_init();
+    measure_events();
+    measure_memory();
+    measure_heap();
+    measure_formatting();
+    measure_interrupt();
+    measure_console();
+    measure_switch();
+    kprintf("bench done\n");
+    hal_shutdown();
+}

@@ -1,0 +1,162 @@
+#!/usr/bin/env python3
+"""Prints the guest's figures: one line each, median (min..max), beside a peer or limit.
+
+Paths on the processor are counted in instructions (QEMU's -icount with one instruction a count);
+devices and boot are timed under plain emulation, as ratios within one run.
+"""
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BENCH_IMAGE = ROOT / "build" / "vorn-bench.elf"
+IMAGE = ROOT / "build" / "vorn.elf"
+QEMU = os.environ.get("VORN_QEMU", "qemu-system-i386")
+PROMPT = b"vorn:/$ "
+MANDATED_WAIT_S = 0.5  # the pause before the welcome banner
+
+# name: (limit in instructions, what the limit is)
+LIMITS = {
+    "event-one-parent": (500, "limit; a Linux i686 tracepoint takes 950"),
+    "event-payload-24": (700, "limit"),
+    "event-formatted": (1400, "limit; a Linux i686 text marker takes 1710"),
+    "switch-recorded": (1500, "limit; Linux i686 takes 4426 recorded, 2201 unrecorded"),
+    "interrupt": (150, "limit"),
+}
+# name: (peer in the same run, aimed ratio)
+PEERS = {
+    "memcpy-4096": ("movsl-4096", 1.2),
+    "memcpy-608": ("movsl-608", 1.2),
+    "memset-4096": ("stosl-4096", 1.2),
+    "memset-608": ("stosl-608", 1.2),
+}
+TIMED_PEERS = {"console-character": ("port-read-and-cell", 3.0)}
+
+
+def qemu(image, *extra):
+    return [QEMU, "-kernel", str(image), "-cpu", "max", "-m", "128", "-display", "none",
+            "-no-reboot", *extra]
+
+
+def guest_figures(*extra):
+    """Boots the measuring image and returns {name: (median, min, max)}."""
+    run = subprocess.run(qemu(BENCH_IMAGE, "-serial", "stdio", *extra), stdin=subprocess.DEVNULL,
+                         capture_output=True, timeout=120, check=False)
+    text = run.stdout.decode("latin-1")
+    if "bench done" not in text:
+        sys.exit(f"bench: the measuring image did not finish:\n{text[-2000:]}")
+    lines = re.findall(r"^bench (\S+) (\d+) (\d+) (\d+)", text, re.MULTILINE)
+    return {name: tuple(map(int, rest)) for name, *rest in lines}
+
+
+def print_line(name, figure, unit, note=""):
+    median, low, high = figure
+    print(f"{name:<26} {median:>10} {unit:<13} ({low}..{high})  {note}".rstrip())
+
+
+def print_guest():
+    counted = guest_figures("-icount", "shift=0,sleep=off")
+    for name, figure in counted.items():
+        note = ""
+        if name in LIMITS:
+            limit, meaning = LIMITS[name]
+            note = f"{figure[0] / limit:.2f}x of {limit} ({meaning})"
+        elif name in PEERS:
+            peer, aim = PEERS[name]
+            note = f"{figure[0] / max(counted[peer][0], 1):.2f}x of {peer}, aim {aim}x"
+        elif name in TIMED_PEERS or name in {peer for peer, _ in TIMED_PEERS.values()}:
+            continue
+        print_line(name, figure, "instructions", note)
+    timed = guest_figures()
+    for name, (peer, aim) in TIMED_PEERS.items():
+        note = f"{timed[name][0] / max(timed[peer][0], 1):.2f}x of {peer}, aim {aim}x"
+        print_line(peer, timed[peer], "counts")
+        print_line(name, timed[name], "counts", note)
+
+
+class Guest:
+    """The real image with its serial line on pipes."""
+
+    def __init__(self):
+        self.started = time.monotonic()
+        self.process = subprocess.Popen(qemu(IMAGE, "-serial", "stdio", "-nic", "none"),
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.seen = b""
+
+    def wait_for(self, text):
+        while text not in self.seen:
+            chunk = os.read(self.process.stdout.fileno(), 4096)
+            if not chunk:
+                sys.exit(f"bench: the image stopped:\n{self.seen[-2000:]!r}")
+            self.seen += chunk
+        self.seen = self.seen.split(text, 1)[1]
+
+    def command(self, line):
+        self.process.stdin.write(line.encode() + b"\r")
+        self.process.stdin.flush()
+
+    def cpu_seconds(self):
+        fields = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text().rsplit(")", 1)[1]
+        user, system = fields.split()[11:13]
+        return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
+
+    def stop(self):
+        self.process.kill()
+        self.process.wait()
+
+
+def boot_seconds():
+    """From QEMU's start to the first answered prompt."""
+    guest = Guest()
+    guest.wait_for(PROMPT)
+    guest.command("uname")
+    guest.wait_for(b"i686 x86")
+    elapsed = time.monotonic() - guest.started
+    guest.stop()
+    return elapsed
+
+
+def print_boot():
+    runs = sorted(boot_seconds() - MANDATED_WAIT_S for _ in range(5))
+    figure = tuple(f"{runs[i]:.3f}" for i in (2, 0, 4))
+    print_line("boot-to-answered-prompt", figure, "s",
+               "mandated waits subtracted; aim 0.5 (a minimal Linux i686 takes 4.6)")
+
+
+def print_idle():
+    """Host processor share and recorded events of a system left alone."""
+    span = float(os.environ.get("VORN_BENCH_IDLE", "10"))
+    guest = Guest()
+    guest.wait_for(PROMPT)
+    time.sleep(1)
+    before, start = guest.cpu_seconds(), time.monotonic()
+    time.sleep(span)
+    share = 100 * (guest.cpu_seconds() - before) / (time.monotonic() - start)
+    counts = []
+    for wait in (0, span):
+        time.sleep(wait)
+        guest.command("graph")
+        guest.wait_for(b"Causal Graph: ")
+        while b" events" not in guest.seen:
+            guest.seen += os.read(guest.process.stdout.fileno(), 4096)
+        counts.append(int(guest.seen.split(b" ", 1)[0]))
+        guest.wait_for(PROMPT)
+    guest.stop()
+    print_line("idle-host-share", (f"{share:.1f}",) * 3, "% of a core", "aim under 5")
+    print_line("idle-events", (f"{(counts[1] - counts[0]) / span:.1f}",) * 3, "events/s",
+               "aim under 5; the six keys that ask are among them")
+
+
+def main():
+    if not BENCH_IMAGE.exists():
+        sys.exit("bench: build/vorn-bench.elf is missing; ./vorn build makes it")
+    print_guest()
+    print_boot()
+    print_idle()
+
+
+if __name__ == "__main__":
+    main()
