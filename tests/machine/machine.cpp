@@ -19,6 +19,8 @@ port_device* device_at(uint16_t port) {
 
 }  // namespace
 
+void machine_halt() { throw machine_halted(); }
+
 machine_t& machine() { return the_machine; }
 
 void machine_reset() {

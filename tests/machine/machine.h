@@ -6,6 +6,7 @@
 #include <stdint.h>
 
 #include <functional>
+#include <stdexcept>
 #include <vector>
 
 /// One access to a port, in the order they happened.
@@ -38,6 +39,14 @@ struct machine_t {
     bool log_ports = true;
     std::vector<port_access_t> ports;     ///< all port accesses since reset
 };
+
+/// What a halt for good throws, so that a test sees it.
+struct machine_halted : std::runtime_error {
+    machine_halted() : std::runtime_error("halted for good") {}
+};
+
+/// Throws machine_halted.
+[[noreturn]] void machine_halt();
 
 /// The one machine.
 machine_t& machine();
