@@ -107,9 +107,7 @@ inline void cpu_write_cr0(uint32_t value) {
 }
 
 /// Drops the cached translation of the page that holds `virt`.
-inline void cpu_invlpg(uintptr_t virt) {
-    asm volatile("invlpg (%0)" : : "r"(virt) : "memory");
-}
+inline void cpu_invlpg(uintptr_t virt) { asm volatile("invlpg (%0)" : : "r"(virt) : "memory"); }
 
 /// Copies `words` 32-bit words upwards (REP MOVSL); neither side needs alignment.
 inline void cpu_copy_words(void* dest, const void* src, size_t words) {

@@ -12,11 +12,11 @@ constexpr uint32_t CPU_MAX = 16;
 
 /// The running task as the lower floors see it; one record a processor.
 struct running_t {
-    int32_t pid = 0;                  ///< 0: the boot task, or none yet
-    const char* name = "none";        ///< at most 31 characters
-    uint32_t* page_dir = nullptr;     ///< null: no task yet
-    uint32_t* causal_ctx = nullptr;   ///< its current event id; null: no task yet
-    bool recorded = false;            ///< it recorded an event since it got the processor
+    int32_t pid = 0;                 ///< 0: the boot task, or none yet
+    const char* name = "none";       ///< at most 31 characters
+    uint32_t* page_dir = nullptr;    ///< null: no task yet
+    uint32_t* causal_ctx = nullptr;  ///< its current event id; null: no task yet
+    bool recorded = false;           ///< it recorded an event since it got the processor
 };
 
 /// Index of this processor. The multiprocessor start-up installs the real query; until then 0.
@@ -26,9 +26,7 @@ inline cpu_id_fn cpu_id_query = nullptr;
 inline running_t running_by_cpu[CPU_MAX];
 
 /// This processor's record. Any context.
-inline running_t& running() {
-    return running_by_cpu[cpu_id_query == nullptr ? 0 : cpu_id_query()];
-}
+inline running_t& running() { return running_by_cpu[cpu_id_query == nullptr ? 0 : cpu_id_query()]; }
 
 /// Gives the interrupt handler in its scope an empty causal context. Interrupts are masked.
 class irq_context_scope {

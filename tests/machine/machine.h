@@ -28,16 +28,16 @@ public:
 
 /// The processor and what a test may do to it.
 struct machine_t {
-    bool interrupts_on = false;           ///< EFLAGS.IF
+    bool interrupts_on = false;  ///< EFLAGS.IF
     uint32_t cr0 = 0, cr2 = 0, cr3 = 0;
-    uint64_t tsc = 0;                     ///< grows by tsc_step at each RDTSC
+    uint64_t tsc = 0;  ///< grows by tsc_step at each RDTSC
     uint64_t tsc_step = 1;
-    std::function<void()> on_hlt;         ///< what a HLT waits for (null: nothing happens)
-    std::function<void()> on_pause;       ///< called by PAUSE
+    std::function<void()> on_hlt;    ///< what a HLT waits for (null: nothing happens)
+    std::function<void()> on_pause;  ///< called by PAUSE
     std::function<bool(uint32_t*)> rdrand, rdseed;  ///< null: not reported by CPUID, fails
-    std::vector<uintptr_t> invalidated;   ///< INVLPG addresses
+    std::vector<uintptr_t> invalidated;             ///< INVLPG addresses
     bool log_ports = true;
-    std::vector<port_access_t> ports;     ///< all port accesses since reset
+    std::vector<port_access_t> ports;  ///< all port accesses since reset
 };
 
 /// What a halt for good throws, so that a test sees it.

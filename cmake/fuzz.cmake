@@ -1,0 +1,32 @@
+# Fuzz targets: the kernel's parsers of outside bytes as 32-bit host code under clang's libFuzzer,
+# ASan and UBSan. Each target names the few kernel sources it needs, so that the build stays short.
+
+set(VORN_FUZZ_FLAGS -m32 -O1 -g -fno-omit-frame-pointer -fno-sanitize-recover=all)
+
+# vorn_fuzz(NAME SOURCES...): build/fuzz/fuzz_NAME from tests/fuzz/fuzz_NAME.cpp and these sources,
+# whose memcpy and so on carry the prefix vorn_ as in the unit tests.
+function(vorn_fuzz name)
+  add_library(${name}_raw STATIC ${ARGN})
+  target_include_directories(${name}_raw PRIVATE ${CMAKE_SOURCE_DIR}/tests/machine ${CMAKE_SOURCE_DIR})
+  target_compile_definitions(${name}_raw PRIVATE VORN_HOST=1)
+  target_compile_options(${name}_raw PRIVATE ${VORN_FUZZ_FLAGS}
+    -fsanitize=fuzzer-no-link,address,undefined
+    -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-builtin)
+
+  set(symbols ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.txt)
+  set(library ${CMAKE_BINARY_DIR}/lib${name}.a)
+  add_custom_command(OUTPUT ${library}
+    COMMAND objcopy --redefine-syms=${symbols} $<TARGET_FILE:${name}_raw> ${library}
+    DEPENDS ${name}_raw ${symbols})
+  add_custom_target(${name}_renamed DEPENDS ${library})
+
+  add_executable(fuzz_${name} ${CMAKE_SOURCE_DIR}/tests/fuzz/fuzz_${name}.cpp)
+  add_dependencies(fuzz_${name} ${name}_renamed)
+  target_include_directories(fuzz_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/machine ${CMAKE_SOURCE_DIR})
+  target_compile_options(fuzz_${name} PRIVATE ${VORN_FUZZ_FLAGS} ${VORN_WARNINGS}
+    -fsanitize=fuzzer,address,undefined)
+  target_link_options(fuzz_${name} PRIVATE -m32 -fsanitize=fuzzer,address,undefined)
+  target_link_libraries(fuzz_${name} PRIVATE ${library})
+endfunction()
+
+file(GLOB VORN_STRING_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/kernel/core/string/*.cpp)
