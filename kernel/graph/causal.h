@@ -9,6 +9,9 @@
 // handlers of that processor may emit at any time; it neither allocates nor waits. Readers take no
 // lock: a pointer into the ring or the cache is good until its slot is reused, which may happen at
 // any preemption. Who prints or keeps an event takes identifiers and causal_copy().
+//
+// A slot's `id` is its seal: 0 while the slot is filled, set last, never the same twice. So what
+// was read from a slot is one event's if the slot held the same `id` before and after.
 #pragma once
 
 #include <stdarg.h>
@@ -170,9 +173,13 @@ causal_event_t* causal_get_ring(uint32_t id);
 /// wait for the disk.
 causal_event_t* causal_get(uint32_t id);
 
-/// Copies the event that causal_get would find, whole, into `out`; false when there is none. Task
-/// context; interrupts are masked while 608 bytes are copied.
+/// Copies the event that causal_get would find into `out`, never half of it; false when there is
+/// none. Task context.
 [[nodiscard]] bool causal_copy(uint32_t id, causal_event_t* out);
+
+/// Stores the parents of the event that causal_get would find; returns their count (0 to 4), or -1
+/// when there is no such event. Task context.
+int causal_parents_of(uint32_t id, uint32_t parents[CAUSAL_PARENTS_MAX]);
 
 /// The number of the newest event: as many as were recorded since start-up.
 uint32_t causal_total_events();

@@ -37,12 +37,10 @@ const causal_schema_def_t* causal_schema_find(const char* name);
 /// Number of schemas; their identifiers are 0 to count - 1.
 uint32_t causal_schema_count();
 
-/// The table's version of schema `id`, 1 if it has none.
-uint8_t causal_schema_version(uint16_t id);
-
-/// The schema that type and texts tell; both texts terminated within the sizes of an event's.
-uint16_t causal_schema_infer(uint32_t type, const char subsystem[CAUSAL_SUBSYSTEM_SIZE],
-                             const char desc[CAUSAL_DESC_SIZE]);
+/// The schema that an event's type and texts tell. `subsystem` has CAUSAL_SUBSYSTEM_SIZE bytes,
+/// `desc` CAUSAL_DESC_SIZE; both are terminated, `desc` after `desc_len` characters.
+const causal_schema_def_t& causal_schema_infer(uint32_t type, const char* subsystem,
+                                               const char* desc, uint32_t desc_len);
 
 /// Sets schema_id and schema_version of `ev` by inference.
 void causal_event_assign_schema(causal_event_t* ev);

@@ -1,0 +1,192 @@
+// Emission. Every path of the system passes here, so each step is kept to a few instructions: texts
+// travel in words, and a slot is cleared only where its last event left something. That rests on
+// two invariants of ring slots: payload bytes behind payload_len are zero, and payload_hash is
+// never set.
+#include "arch/x86/cpu.h"
+#include "kernel/core/guards.h"
+#include "kernel/core/interrupt.h"
+#include "kernel/core/running.h"
+#include "kernel/core/string.h"
+#include "kernel/graph/causal/store.h"
+#include "kernel/graph/causal_schema.h"
+
+namespace {
+
+constexpr uint32_t FORMATTED_SIZE = 64;
+constexpr uint32_t SCHEMA_HEADER_SIZE = 4;  // id (2), version (1), one byte of content
+
+/// What the callers of the three emit calls gave.
+struct draft_t {
+    causal_type_t type;
+    const char* subsystem;
+    const char* desc;
+    const uint32_t* parent_ids;
+    int num_parents;
+    const void* payload;
+    uint32_t payload_len;
+    const uint32_t* origin;
+};
+
+/// A word of text at any address.
+struct [[gnu::packed, gnu::may_alias]] text_word_t {
+    uint32_t bits;
+};
+
+constexpr uint32_t PAGE = 4096;
+constexpr uint32_t LOW_BITS = 0x01010101;
+constexpr uint32_t HIGH_BITS = 0x80808080;
+
+/// The byte-wise way of put_text, for a text near the end of a page.
+template <uint32_t size>
+uint32_t put_bytes(char (&field)[size], const char* src) {
+    uint32_t n = 0;
+    for (; n < size - 1 && src[n] != '\0'; n++)
+        field[n] = src[n];
+    return n;
+}
+
+/// Copies `src` into a field of `size` bytes, cut to size - 1 characters and zero-filled; returns
+/// the length. Goes by words and so may read behind the terminator, but never into another page.
+template <uint32_t size>
+__attribute__((no_sanitize_address)) uint32_t put_text(char (&field)[size], const char* src) {
+    static_assert(size % 4 == 0);
+    auto* out = reinterpret_cast<text_word_t*>(field);
+    const auto* in = reinterpret_cast<const text_word_t*>(src);
+#pragma GCC unroll 20
+    for (uint32_t i = 0; i < size / 4; i++)
+        out[i].bits = 0;
+    if (reinterpret_cast<uintptr_t>(src) % PAGE > PAGE - size)
+        return put_bytes(field, src);
+#pragma GCC unroll 20
+    for (uint32_t i = 0; i < size / 4; i++) {
+        const uint32_t word = in[i].bits;
+        if (((word - LOW_BITS) & HIGH_BITS) != 0) {
+            // A zero byte, or one above 0x80. Bit 7 of each zero byte, exact up to the lowest:
+            const uint32_t zeros = (word - LOW_BITS) & ~word & HIGH_BITS;
+            if (zeros != 0) {
+                out[i].bits = word & ((zeros ^ (zeros - 1)) >> 8);
+                return 4 * i + static_cast<uint32_t>(__builtin_ctz(zeros)) / 8;
+            }
+        }
+        out[i].bits = word;
+    }
+    field[size - 1] = '\0';
+    return size - 1;
+}
+
+/// Names the parents and tells those that are still in the ring.
+void put_parents(causal_event_t& ev, const draft_t& draft, const uint32_t* current) {
+    const uint32_t* ids = draft.parent_ids;
+    uint32_t count = 0;
+    if (ids != nullptr && draft.num_parents > 0) {
+        count = static_cast<uint32_t>(draft.num_parents);
+        count = count < CAUSAL_PARENTS_MAX ? count : CAUSAL_PARENTS_MAX;
+    } else if (current != nullptr && *current != 0) {
+        ids = current;
+        count = 1;
+    }
+#pragma GCC unroll 4
+    for (uint32_t& parent : ev.parents)
+        parent = 0;
+    for (uint32_t i = 0; i < count; i++) {
+        ev.parents[i] = ids[i];
+        if (causal_event_t* parent = causal_in_ring(ids[i]))
+            parent->child_count++;
+    }
+    ev.num_parents = static_cast<uint8_t>(count);
+}
+
+/// A payload that names a schema of the table overrides the inferred one.
+void put_schema_of_payload(causal_event_t& ev) {
+    const auto id = static_cast<uint16_t>(ev.payload[0] | ev.payload[1] << 8);
+    const uint8_t version = ev.payload[2];
+    const causal_schema_def_t* schema = causal_schema_get(id);
+    if (schema == nullptr || version == 0 || version != schema->version)
+        return;
+    ev.schema_id = id;
+    ev.schema_version = version;
+}
+
+void put_payload(causal_event_t& ev, const draft_t& draft) {
+    const uint32_t given = draft.payload != nullptr ? draft.payload_len : 0;
+    const uint32_t len = given < CAUSAL_PAYLOAD_MAX ? given : CAUSAL_PAYLOAD_MAX;
+    const uint32_t old_len = ev.payload_len;
+    ev.payload_len = len;
+    if (old_len > len)
+        memset(ev.payload + len, 0, old_len - len);
+    if (len == 0)
+        return;
+    memcpy(ev.payload, draft.payload, len);
+    if (len >= SCHEMA_HEADER_SIZE)
+        put_schema_of_payload(ev);
+}
+
+uint32_t record(const draft_t& draft) {
+    irq_guard guard;
+    const uint32_t id = causal_store.next_id;
+    if (id == 0 || (cpu_id_query != nullptr && cpu_id_query() != 0))
+        return 0;
+    causal_store.next_id = id + 1;
+    running_t& runner = running_by_cpu[0];
+    causal_event_t& ev = causal_slot(id);
+    ev.id = 0;
+    ev.node_hash = *draft.origin;
+    ev.time.lamport = ++causal_store.lamport_clock;
+    ev.time.wall_ticks = system_ticks;
+    ev.time.tsc_lo = static_cast<uint32_t>(cpu_rdtsc());
+    ev.type = draft.type;
+    put_text(ev.subsystem, draft.subsystem != nullptr ? draft.subsystem : "");
+    const uint32_t desc_len = put_text(ev.desc, draft.desc != nullptr ? draft.desc : "");
+    const causal_schema_def_t& schema =
+        causal_schema_infer(ev.type, ev.subsystem, ev.desc, desc_len);
+    ev.schema_id = schema.id;
+    ev.schema_version = schema.version;
+    ev.child_count = 0;
+    put_parents(ev, draft, runner.causal_ctx);
+    put_payload(ev, draft);
+    if (causal_store.event_count < CAUSAL_RING_SLOTS)
+        causal_store.event_count++;
+    ev.id = id;
+    if (runner.causal_ctx != nullptr)
+        *runner.causal_ctx = id;
+    runner.recorded = true;
+    return id;
+}
+
+}  // namespace
+
+uint32_t causal_emit(causal_type_t type, const char* subsystem, const char* desc,
+                     const uint32_t* parent_ids, int num_parents) {
+    return record(
+        {type, subsystem, desc, parent_ids, num_parents, nullptr, 0, &causal_store.node_hash});
+}
+
+uint32_t causal_emit_payload(causal_type_t type, const char* subsystem, const char* desc,
+                             const uint32_t* parent_ids, int num_parents, const void* payload,
+                             uint32_t payload_len) {
+    return record({type, subsystem, desc, parent_ids, num_parents, payload, payload_len,
+                   &causal_store.node_hash});
+}
+
+uint32_t causal_emit_remote(causal_type_t type, const char* subsystem, const char* desc,
+                            const uint32_t* parent_ids, int num_parents, const void* payload,
+                            uint32_t payload_len, uint32_t origin_node) {
+    return record(
+        {type, subsystem, desc, parent_ids, num_parents, payload, payload_len, &origin_node});
+}
+
+uint32_t causal_event_vfmt(uint8_t type, const char* subsystem, const char* fmt, va_list args) {
+    alignas(4) char text[FORMATTED_SIZE];
+    text[0] = '\0';
+    if (fmt != nullptr)
+        kvsnprintf(text, sizeof text, fmt, args);
+    return causal_emit(static_cast<causal_type_t>(type), subsystem, text, nullptr, 0);
+}
+
+uint32_t causal_event_fmt(uint8_t type, const char* subsystem, const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    const uint32_t id = causal_event_vfmt(type, subsystem, fmt, args);
+    va_end(args);
+    return id;
+}

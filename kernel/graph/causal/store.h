@@ -1,0 +1,61 @@
+// What the files of the causal event store share. Private to kernel/graph/causal/.
+#pragma once
+
+#include "kernel/graph/causal.h"
+
+/// All state beside the ring and the cache. Changed with interrupts masked on processor 0.
+struct causal_store_t {
+    uint32_t next_id = 1;  ///< 0: all identifiers are used up
+    uint32_t event_count = 0;
+    uint64_t lamport_clock = 0;
+    uint32_t node_hash = 0;
+    uint32_t saved_context = 0;
+    uint32_t hydrated_next = 0;
+    uint32_t health_events_per_sec = 0;
+    uint32_t last_rate_count = 0;
+    uint32_t last_rate_tick = 0;
+    causal_archive_hooks_t archive = {};
+    causal_kv_fn kv_lookup = nullptr;
+};
+
+extern causal_store_t causal_store;
+extern causal_event_t causal_ring[CAUSAL_RING_SLOTS];
+extern causal_event_t causal_hydrated[CAUSAL_HYDRATED_SLOTS];
+
+/// The slot of identifier `id`, whatever it holds.
+inline causal_event_t& causal_slot(uint32_t id) {
+    return causal_ring[(id - 1) % CAUSAL_RING_SLOTS];
+}
+
+/// The newest identifier; 0 when nothing was recorded.
+inline uint32_t causal_newest() { return causal_store.next_id - 1; }
+
+/// causal_get_ring, inline. A slot that still holds an identifier from before a jump of the counter
+/// is out of the ring all the same.
+inline causal_event_t* causal_in_ring(uint32_t id) {
+    causal_event_t& ev = causal_slot(id);
+    const bool held = id != 0 && ev.id == id && causal_newest() - id < CAUSAL_RING_SLOTS;
+    return held ? &ev : nullptr;
+}
+
+/// `ev` still holds event `id`: what was read from it before this call was read from that event.
+inline bool causal_still(const causal_event_t& ev, uint32_t id) {
+    asm volatile("" : : : "memory");
+    return ev.id == id;
+}
+
+/// The parents that count in `ev`.
+inline uint32_t causal_parent_count(const causal_event_t& ev) {
+    return ev.num_parents < CAUSAL_PARENTS_MAX ? ev.num_parents : CAUSAL_PARENTS_MAX;
+}
+
+/// The identifiers in the ring, as a range to loop over; safe at the end of the number range.
+struct causal_span_t {
+    uint32_t oldest;
+    uint32_t count;
+};
+
+inline causal_span_t causal_ring_span() {
+    const uint32_t oldest = causal_oldest_event_id();
+    return {oldest, oldest == 0 ? 0 : causal_newest() - oldest + 1};
+}
