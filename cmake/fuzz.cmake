@@ -24,9 +24,11 @@ function(vorn_fuzz name)
   add_dependencies(fuzz_${name} ${name}_renamed)
   target_include_directories(fuzz_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/machine ${CMAKE_SOURCE_DIR})
   target_compile_options(fuzz_${name} PRIVATE ${VORN_FUZZ_FLAGS} ${VORN_WARNINGS}
-    -fsanitize=fuzzer,address,undefined)
+    -include ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.h -fsanitize=fuzzer,address,undefined)
   target_link_options(fuzz_${name} PRIVATE -m32 -fsanitize=fuzzer,address,undefined)
   target_link_libraries(fuzz_${name} PRIVATE ${library})
 endfunction()
 
 file(GLOB VORN_STRING_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/kernel/core/string/*.cpp)
+vorn_fuzz(format ${VORN_STRING_SOURCES})
+vorn_fuzz(parse ${VORN_STRING_SOURCES})

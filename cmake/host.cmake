@@ -35,4 +35,5 @@ file(GLOB VORN_MACHINE_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/machi
 file(GLOB_RECURSE VORN_UNIT_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/unit/*.cpp)
 add_executable(vorn_unit ${VORN_UNIT_SOURCES} ${VORN_MACHINE_SOURCES})
 add_dependencies(vorn_unit vorn_host_renamed)
+target_compile_options(vorn_unit PRIVATE -include ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.h)
 target_link_libraries(vorn_unit PRIVATE vorn_host_flags gtest32 ${VORN_HOST_LIB})
