@@ -17,9 +17,10 @@ add_library(vorn_host_flags INTERFACE)
 target_include_directories(vorn_host_flags INTERFACE
   ${CMAKE_SOURCE_DIR}/tests/machine ${CMAKE_SOURCE_DIR})
 target_compile_definitions(vorn_host_flags INTERFACE VORN_HOST=1)
-target_compile_options(vorn_host_flags INTERFACE ${VORN_HOST_FLAGS} ${VORN_WARNINGS})
+target_compile_options(vorn_host_flags INTERFACE ${VORN_HOST_FLAGS} ${VORN_WARNINGS}
+  -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
 
-add_library(vorn_host_raw STATIC ${VORN_KERNEL_SOURCES})
+add_library(vorn_host_raw STATIC ${VORN_KERNEL_SOURCES} ${CMAKE_SOURCE_DIR}/arch/x86/hal.cpp)
 target_link_libraries(vorn_host_raw PRIVATE vorn_host_flags)
 target_compile_options(vorn_host_raw PRIVATE
   -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-builtin -fno-tree-loop-distribute-patterns)

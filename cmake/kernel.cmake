@@ -4,7 +4,7 @@ set(VORN_ARCH -m32 -march=i686 -ffreestanding -mgeneral-regs-only -fno-pic -fno-
 add_library(vorn_flags INTERFACE)
 target_include_directories(vorn_flags INTERFACE ${CMAKE_SOURCE_DIR})
 target_compile_options(vorn_flags INTERFACE
-  ${VORN_ARCH} -O2 -g ${VORN_WARNINGS}
+  ${VORN_ARCH} -O2 -g ${VORN_WARNINGS} -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=
   -fno-stack-protector -fno-omit-frame-pointer -fno-asynchronous-unwind-tables
   -fno-tree-loop-distribute-patterns
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)

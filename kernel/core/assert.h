@@ -2,6 +2,10 @@
 // comes from disk, wire, user program or keyboard: that is checked and refused.
 #pragma once
 
+/// Installs what brings output back to the local machine before the text is printed, so that no
+/// capture or session swallows it (null: nothing).
+void kassert_set_output_hook(void (*hook)(void));
+
 /// Prints "[ASSERT] EXPR FILE:LINE" and halts for good. Any context.
 [[noreturn]] void kassert_fail(const char* expr, const char* file, int line);
 

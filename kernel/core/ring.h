@@ -43,5 +43,8 @@ struct ring_t {
     uint32_t count() const { return (head - tail) & (N - 1); }
 
     /// Drops all that waits.
-    void clear() { head = tail = 0; }
+    void clear() {
+        head = 0;
+        tail = 0;
+    }
 };

@@ -95,9 +95,10 @@ char* format_mac(char* buf, const uint8_t* mac);
 
 /// Formats into `buf` of `size` bytes (at least 1), always terminated; returns the number of
 /// characters stored, not the length that the full output would have had. Conversions: %% c d i u
-/// x X p s, with '-', '0', width, precision (a minimal digit count, or a string's cut), "l" and
-/// "ll". The sign stands after the padding: "%05d" of -42 gives "00-42".
-int kvsnprintf(char* buf, size_t size, const char* fmt, va_list ap);
+/// x X p s, with '-', then '0', width, precision (a string's cut; for numbers "%.3d" is "%03d"),
+/// then "l" (nothing) or "ll" (64 bits, for d i u x X). The sign stands after the padding: "%05d"
+/// of -42 gives "00-42". Any other conversion is written as it stands.
+int kvsnprintf(char* buf, size_t size, const char* fmt, va_list ap) VORN_PRINTF(3, 0);
 
 /// kvsnprintf with its arguments inline.
 int ksnprintf(char* buf, size_t size, const char* fmt, ...) VORN_PRINTF(3, 4);

@@ -47,6 +47,10 @@ void console_init(void);
 /// Installs the question which session the running task writes to (null: none ever does).
 void console_set_session_hook(console_session_hook_fn hook);
 
+/// Ends any capture without its text and sends all output to the local machine for good: what a
+/// machine that is about to stop calls first. Any context.
+void console_force_local(void);
+
 /// Blanks the screen in the present colour and homes the cursor; a session also gets "\e[2J\e[H".
 void console_clear(void);
 

@@ -5,7 +5,8 @@
 namespace {
 
 constexpr size_t SPRINTF_BYTES = 512;
-constexpr uint32_t BILLION = 1000000000;
+constexpr uint32_t MYRIAD = 10000;
+constexpr int MYRIAD_DIGITS = 4;
 constexpr int WIDTH_LIMIT = 1 << 20;  // far beyond any buffer; keeps the sum from overflowing
 
 /// Where the text goes: `at` never passes `end`, which is kept for the terminator.
@@ -28,7 +29,6 @@ struct sink_t {
 struct conversion_t {
     bool left = false;
     bool wide = false;  ///< "ll"
-    bool has_length = false;
     char pad = ' ';
     int width = 0;
     int precision = -1;  ///< -1: none given
@@ -43,25 +43,23 @@ char* decimal_digits(uint32_t value, char* to) {
     return to;
 }
 
-/// 64-bit decimal without a 64-bit division: `value` modulo and over a billion, by long division.
-uint32_t divide_billion(uint64_t* value) {
-    const auto high = static_cast<uint32_t>(*value >> 32);
-    uint32_t quotient_high = high / BILLION;
-    uint32_t rest = high % BILLION;
-    uint32_t quotient_low;
-    asm("divl %4"
-        : "=a"(quotient_low), "=d"(rest)
-        : "a"(static_cast<uint32_t>(*value)), "d"(rest), "r"(BILLION)
-        : "cc");
-    *value = static_cast<uint64_t>(quotient_high) << 32 | quotient_low;
+/// Divides by 10^4 in steps of 16 bits, which needs no 64-bit division; returns the remainder.
+uint32_t divide_myriad(uint64_t* value) {
+    uint64_t quotient = 0;
+    uint32_t rest = 0;
+    for (int shift = 48; shift >= 0; shift -= 16) {
+        const uint32_t part = rest << 16 | static_cast<uint16_t>(*value >> shift);
+        quotient = quotient << 16 | part / MYRIAD;
+        rest = part % MYRIAD;
+    }
+    *value = quotient;
     return rest;
 }
 
 char* decimal_digits_wide(uint64_t value, char* to) {
-    constexpr int BILLION_DIGITS = 9;
     while (value >> 32 != 0) {
-        char* first = to - BILLION_DIGITS;
-        to = decimal_digits(divide_billion(&value), to);
+        char* first = to - MYRIAD_DIGITS;
+        to = decimal_digits(divide_myriad(&value), to);
         while (to > first)
             *--to = '0';
     }
