@@ -40,10 +40,6 @@ void pmm_init(multiboot_info_t* mbi);
 /// Returns the frame that contains `addr`. A free frame, or one beyond the end, is ignored.
 void pmm_free_frame(phys_addr_t addr);
 
-/// Marks the frames of [start, end) in use (page-aligned addresses); the next search starts behind
-/// the range when it would have started inside. For fixed owners such as the heap.
-void pmm_reserve_range(phys_addr_t start, phys_addr_t end);
-
 /// All frames of the machine, the first megabyte and holes included.
 uint32_t pmm_total_frames(void);
 
@@ -53,12 +49,6 @@ uint32_t pmm_used_frames(void);
 /// Frames that pmm_alloc_frame can still hand out: what a caller checks before it maps pages. On a
 /// machine with more than 128 MB this is less than total minus used.
 uint32_t pmm_available_frames(void);
-
-/// The address behind the frame bitmap, rounded up to a page: where the heap starts.
-phys_addr_t pmm_bitmap_end(void);
-
-/// End of the unbroken run of usable memory that starts at the kernel image's end.
-phys_addr_t pmm_usable_end(void);
 
 // --- Paging ---
 
