@@ -5,6 +5,7 @@
 #include <array>
 
 #include "arch/x86/cpu.h"
+#include "arch/x86/image.h"
 #include "arch/x86/ports.h"
 #include "arch/x86/tables.h"
 #include "kernel/core/kprintf.h"
@@ -90,6 +91,10 @@ uint32_t stack_pointer(const registers_t* regs) {
     return (regs->cs & 3) == 3 ? regs->user_esp : address_of(&regs->user_esp);
 }
 
+bool in_image(uint32_t address) {
+    return address >= image_start() && address < image_readonly_end();
+}
+
 // --- Views ---
 
 void print_code_address(uint32_t address) {
@@ -123,8 +128,8 @@ void show_backtrace(const char*) {
     uint32_t lowest = stack_pointer(state.regs);
     int number = 0;
     print_frame(number++, state.regs->eip);
-    // A jump to nowhere leaves its return address on top of the stack.
-    if (ksym_lookup(state.regs->eip, nullptr) == nullptr && readable(lowest, sizeof(uint32_t)))
+    // A call to nowhere leaves its return address on top of the stack.
+    if (!in_image(state.regs->eip) && readable(lowest, sizeof(uint32_t)))
         print_frame(number++, word_at(lowest));
     while (number < MAX_FRAMES && frame >= lowest && frame % sizeof(uint32_t) == 0 &&
            readable(frame, 2 * sizeof(uint32_t))) {
@@ -272,13 +277,9 @@ void print_report(const registers_t* regs) {
     show_backtrace("");
 }
 
-/// Output goes to the local machine from here on. The capture is replaced before it is ended: its
-/// buffer may be what is broken.
+/// Output goes to the local machine from here on, and nowhere else.
 void take_console() {
-    char scratch[1];
-    console_start_capture(scratch, sizeof scratch);
-    console_stop_capture();
-    console_set_session_hook(nullptr);
+    console_force_local();
     kprintf_set_log(nullptr);
 }
 
