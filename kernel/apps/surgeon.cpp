@@ -12,6 +12,7 @@
 #include "kernel/core/ksyms.h"
 #include "kernel/core/memory.h"
 #include "kernel/core/string.h"
+#include "kernel/core/task.h"
 #include "kernel/drivers/console.h"
 #include "kernel/graph/causal.h"
 
@@ -164,14 +165,13 @@ void show_stack(const char*) {
     }
 }
 
-/// The task's latest event and the events that led to it, each through its first parent.
-void show_events(const char*) {
-    const uint32_t* current = running().causal_ctx;
-    if (current == nullptr || !readable(address_of(current), sizeof *current)) {
-        kprintf("events: no task yet\n");
+/// An event and those that led to it, each through its first parent.
+void print_chain(const char* title, const uint32_t* current) {
+    if (current == nullptr || !readable(address_of(current), sizeof *current) || *current == 0) {
+        kprintf("%s: none\n", title);
         return;
     }
-    kprintf("events, latest first:\n");
+    kprintf("%s, latest first:\n", title);
     uint32_t id = *current;
     for (int i = 0; i < MAX_EVENTS && id != 0; ++i) {
         const causal_event_t* event = causal_get_ring(id);
@@ -183,6 +183,23 @@ void show_events(const char*) {
                 event->subsystem, event->desc);
         id = event->num_parents > 0 ? event->parents[0] : 0;
     }
+}
+
+/// The current task, null where it cannot be read.
+const task_t* readable_task() {
+    const task_t* task = task_current();
+    return task != nullptr && readable(address_of(task), sizeof *task) ? task : nullptr;
+}
+
+/// An interrupt handler has a context of its own; the task's stands beside it.
+void show_events(const char*) {
+    const task_t* task = readable_task();
+    const uint32_t* current = running().causal_ctx;
+    if (task != nullptr && current != &task->causal_ctx) {
+        print_chain("events of the interrupt handler", current);
+        current = &task->causal_ctx;
+    }
+    print_chain("events of the task", current);
 }
 
 void print_dump_line(uint32_t address) {
@@ -272,6 +289,10 @@ void print_report(const registers_t* regs) {
     copy_name(running().name, name);
     kprintf("task '%s' (pid %d), processor %u, tick %u\n", name, running().pid, state.cpu,
             system_ticks);
+    const task_t* task = readable_task();
+    if (task != nullptr && readable(task->stack_bottom, sizeof(uint32_t)) && task->pid != 0 &&
+        word_at(task->stack_bottom) != TASK_STACK_CANARY)
+        kprintf("the task has overrun its stack, which ends at 0x%08x\n", task->stack_bottom);
     show_registers("");
     show_events("");
     show_backtrace("");
@@ -370,7 +391,7 @@ void surgeon_enter(registers_t* regs) {
         cpu_halt_forever();
     if (++state.entries > 1) {
         if (state.entries == 2)
-            kprintf("\n[FAULT] Kernel exception: %s inside the fault inspector at 0x%08x, halted\n",
+            kprintf("\n[FAULT] Kernel exception: %s inside the fault inspector EIP=0x%x, halted\n",
                     exc_names[regs->int_no % EXCEPTION_COUNT], regs->eip);
         cpu_halt_forever();
     }
