@@ -1,6 +1,7 @@
 #include "kernel/core/interrupt.h"
 
 #include "arch/x86/cpu.h"
+#include "arch/x86/hal.h"
 #include "arch/x86/lapic.h"
 #include "arch/x86/ports.h"
 #include "kernel/core/kprintf.h"
@@ -132,6 +133,9 @@ void pit_init(uint32_t frequency_hz) {
     outb(PIT_CHANNEL_0, static_cast<uint8_t>(divisor >> 8));
     dispatch.irq_handlers[0] = timer_handler;
 }
+
+// The platform layer's name for it; it lies below and cannot call up.
+void hal_timer_init(uint32_t hz) { pit_init(hz); }
 
 int irq_install_handler(int irq, irq_handler_fn handler) {
     if (irq < 0 || irq >= IRQ_LINES) {
