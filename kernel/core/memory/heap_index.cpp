@@ -54,7 +54,7 @@ uint32_t free_headers(uint32_t w) {
 
 /// Calls f(block) for the free blocks of a stretch in address order until it returns true.
 template <typename F>
-void each_free(uint32_t stretch, F f) {
+void each_free(uint32_t stretch, F f) REQUIRES(heap_lock) {
     const uint32_t first = stretch * STRETCH_WORDS;
     for (uint32_t w = first; w < first + STRETCH_WORDS; ++w)
         for (uint32_t bits = free_headers(w); bits != 0; bits &= bits - 1) {
@@ -91,7 +91,7 @@ void set_maximum(uint32_t node, uint32_t value) {
     }
 }
 
-void refresh_stretch(uint32_t stretch) {
+void refresh_stretch(uint32_t stretch) REQUIRES(heap_lock) {
     uint32_t largest = 0;
     each_free(stretch, [&](const heap_block_t* block) {
         largest = std::max(largest, block->size);
@@ -170,7 +170,7 @@ bool heap_index_find(uint32_t size, uint32_t* stretch) {
 
 heap_block_t* heap_index_scan(uint32_t stretch, uint32_t size) {
     heap_block_t* found = nullptr;
-    each_free(stretch, [&](heap_block_t* block) {
+    each_free(stretch, [&](heap_block_t* block) REQUIRES(heap_lock) {
         if (block->size >= size || !heap_block_sound(block))
             found = block;
         return found != nullptr;
