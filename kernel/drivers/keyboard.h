@@ -12,6 +12,8 @@
 
 #include "kernel/drivers/keymap.h"
 
+struct registers_t;
+
 /// Forgets keys, scancodes, modifiers and suppression, programs the 8042 (first port and its
 /// interrupt on, translation to set 1), installs the handlers of lines 1 and 4 and turns the serial
 /// receive interrupt on. Prints "[kbd] failed to install ..." when a handler cannot be installed.
@@ -41,7 +43,6 @@ void keyboard_suppress(bool on);
 
 /// Line 1: takes one scancode, if the controller holds one. Records CAUSAL_IO "keyboard" "key
 /// pressed scancode=0x%x" for each key that has a character and fits the ring. Interrupts masked.
-struct registers_t;
 void kb_irq_handler(registers_t* regs);
 
 /// Line 4: takes the bytes that the serial port holds. Interrupts masked.
