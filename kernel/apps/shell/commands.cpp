@@ -1,0 +1,85 @@
+// The command table, and the dispatcher that records what it runs.
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+
+#include "kernel/apps/cmd_crypto.h"
+#include "kernel/apps/cmd_graph.h"
+#include "kernel/apps/cmd_schema.h"
+#include "kernel/apps/cmd_system.h"
+#include "kernel/apps/shell.h"
+#include "kernel/core/kprintf.h"
+#include "kernel/core/string.h"
+#include "kernel/graph/causal.h"
+
+namespace {
+
+/// Commands that read the graph: they add nothing to what they look at.
+constexpr std::string_view UNRECORDED[] = {
+    "events",     "graph",    "trace",     "why",         "effects",  "blast",   "autopsy",
+    "tl",         "timeline", "observe",   "meshview",    "demo",     "top",     "prov",
+    "journal",    "flame",    "waterfall", "prove",       "cproof",   "suptree", "elect",
+    "contract",   "cell",     "ghost",     "diagnose",    "kv",       "capflow", "patch",
+    "trigger",    "triggers", "energy",    "clusterview", "annotate", "cbreak",  "cascade",
+    "search",     "narrate",  "tldiff",    "heal",        "sysrec",   "sysplay", "actver",
+    "policy",     "blame",    "entropy",   "snapshot",    "critpath", "cbisect", "cdb",
+    "cprof",      "attest",   "capsule",   "context",     "tempcap",  "kvwatch", "liveness",
+    "whatif",     "digest",   "eset",      "merkle",      "verify",   "pattern", "mood",
+    "barrier",    "diffuse",  "explore",   "actormap",    "query",    "dag",     "dagview",
+    "dagexplore", "memtrace",
+};
+static_assert(std::size(UNRECORDED) == 72);
+
+const command_t* find_command(const char* name) {
+    for (const command_t* command = commands; command->name != nullptr; ++command) {
+        if (strcmp(command->name, name) == 0)
+            return command;
+    }
+    return nullptr;
+}
+
+bool is_recorded(std::string_view name) {
+    return std::find(std::begin(UNRECORDED), std::end(UNRECORDED), name) == std::end(UNRECORDED);
+}
+
+}  // namespace
+
+constinit const command_t commands[] = {
+    {"help", cmd_help},       {"echo", cmd_echo},       {"exit", cmd_exit},
+    {"logout", cmd_exit},     {"clear", cmd_clear},     {"free", cmd_free},
+    {"memmap", cmd_memmap},   {"uname", cmd_uname},     {"termsize", cmd_termsize},
+    {"uptime", cmd_uptime},   {"irqstat", cmd_irqstat}, {"crash", cmd_crash},
+    {"events", cmd_events},   {"effects", cmd_effects}, {"blast", cmd_blast},
+    {"autopsy", cmd_autopsy}, {"trace", cmd_trace},     {"cpath", cmd_cpath},
+    {"cdot", cmd_cdot},       {"graph", cmd_graph},     {"graph-health", cmd_graph_health},
+    {"orphans", cmd_orphans}, {"crypto", cmd_crypto},   {"hexdump", cmd_hexdump},
+    {"random", cmd_random},   {"schema", cmd_schema},   {"dmesg", cmd_dmesg},
+    {"heap", cmd_heap},       {"memleak", cmd_memleak}, {nullptr, nullptr},
+};
+
+int dispatch(int argc, char** argv) {
+    if (argc < 1)
+        return 0;
+    const command_t* command = find_command(argv[0]);
+    if (command == nullptr)
+        return 0;
+    if (is_recorded(command->name)) {
+        char desc[KPRINTF_BYTES];
+        ksprintf(desc, "cmd: %s", command->name);
+        causal_emit(CAUSAL_SHELL, "shell", desc, nullptr, 0);
+    }
+    command->func(argc, argv);
+    return 1;
+}
+
+void shell_exec(const char* cmdline) {
+    char line[SHELL_LINE_BYTES];
+    char* argv[SHELL_ARGS_MAX];
+    string_copy(line, cmdline, sizeof line);
+    kprintf("%s\n", line);
+    const int argc = parse_args(line, argv);
+    if (argc == 0 || dispatch(argc, argv) != 0)
+        return;
+    kprintf("vorn: unknown command '%s'\n", argv[0]);
+    suggest_command(argv[0]);
+}

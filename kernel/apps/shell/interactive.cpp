@@ -1,0 +1,113 @@
+// The interactive loop, and what all shells share.
+#include "kernel/apps/shell.h"
+#include "kernel/apps/shell/history.h"
+#include "kernel/apps/shell/line_editor.h"
+#include "kernel/core/guards.h"
+#include "kernel/core/kprintf.h"
+#include "kernel/core/string.h"
+#include "kernel/core/task.h"
+#include "kernel/drivers/console.h"
+#include "kernel/drivers/keyboard.h"
+
+char shell_cwd[SHELL_PATH_BYTES] = "/";
+char disk_cwd[SHELL_PATH_BYTES] = "/";
+
+namespace {
+
+constexpr size_t PROMPT_BYTES = SHELL_PATH_BYTES + 16;
+
+history_t history GUARDED_BY(irq_mask);
+
+uint8_t read_key() {
+    const task_t* task = task_current();
+    if (task == nullptr || task->io_read == nullptr)
+        return static_cast<uint8_t>(keyboard_getchar());
+    uint8_t byte = 0;
+    while (task->io_read(&byte, 1, task->io_ctx) <= 0)
+        task_yield();
+    return byte;
+}
+
+void show(const line_editor_t& editor, line_show_t what, const char* prompt) {
+    switch (what) {
+        case line_show_t::nothing:
+            return;
+        case line_show_t::last_character:
+            console_putchar(editor.line[editor.length - 1]);
+            return;
+        case line_show_t::new_line:
+            shell_puts("\n");
+            return;
+        case line_show_t::screen:
+            console_clear();
+            [[fallthrough]];
+        case line_show_t::line:
+            line_redraw(editor.line, editor.length, editor.cursor, prompt);
+    }
+}
+
+/// Edits one line to its end.
+void read_line(line_editor_t* editor) {
+    char prompt[PROMPT_BYTES];
+    {
+        irq_guard guard;
+        ksnprintf(prompt, sizeof prompt, "vorn:%s$ ", shell_cwd);
+    }
+    line_editor_start(editor);
+    show(*editor, line_show_t::line, prompt);
+    for (;;) {
+        const uint8_t key = read_key();
+        line_result_t result;
+        {
+            irq_guard guard;
+            result = line_editor_key(editor, key, &history);
+        }
+        show(*editor, result.show, prompt);
+        if (result.done)
+            return;
+    }
+}
+
+void run_line(const char* line) {
+    {
+        irq_guard guard;
+        history_add(&history, line);
+    }
+    char words[SHELL_LINE_BYTES];
+    char* argv[SHELL_ARGS_MAX];
+    string_copy(words, line, sizeof words);
+    const int argc = parse_args(words, argv);
+    if (argc == 0 || dispatch(argc, argv) != 0)
+        return;
+    kprintf("vorn: unknown command '%s' — type 'help'\n", argv[0]);
+    suggest_command(argv[0]);
+}
+
+}  // namespace
+
+void shell_init(void) {
+    irq_guard guard;
+    history.head = 0;
+    history.count = 0;
+    string_copy(shell_cwd, "/", sizeof shell_cwd);
+    string_copy(disk_cwd, "/", sizeof disk_cwd);
+}
+
+void shell_run(void) {
+    kprintf("\n");
+    line_editor_t editor;
+    for (;;) {
+        read_line(&editor);
+        run_line(editor.line);
+    }
+}
+
+void cmd_exit(int, char**) {
+    const task_t* task = task_current();
+    if (task == nullptr || (task->io_write == nullptr && task->io_read == nullptr)) {
+        kprintf("exit: not a remote session\n");
+        return;
+    }
+    kprintf("logout\n");
+    task_exit();
+}

@@ -1,0 +1,111 @@
+// The shell task: what start-up shows last, then the interactive loop.
+#include "kernel/apps/shell.h"
+#include "kernel/core/interrupt.h"
+#include "kernel/core/kprintf.h"
+#include "kernel/core/memory.h"
+#include "kernel/core/smp.h"
+#include "kernel/core/task.h"
+#include "kernel/core/version.h"
+#include "kernel/drivers/console.h"
+
+namespace {
+
+constexpr uint32_t BANNER_WAIT_TICKS = 50;
+constexpr uint32_t FRAME_KB = PAGE_SIZE / 1024;
+
+// Nothing registers programs or actors.
+constexpr int PROGRAMS = 0;
+constexpr int ACTORS = 0;
+
+constexpr const char* CHECKLIST[] = {
+    "Memory manager (PMM + VMM)",
+    "Interrupt controller (PIC/PIT @ 100Hz)",
+    "Task scheduler (8 priorities, preemptive)",
+    "Causal event graph started",
+};
+
+constexpr const char* LOGO =
+    "    ##   ##   #####   ######   ##   ##\n"
+    "    ##   ##  ##   ##  ##   ##  ###  ##\n"
+    "    ##   ##  ##   ##  ######   ## # ##\n"
+    "     ## ##   ##   ##  ##  ##   ##  ###\n"
+    "      ###     #####   ##   ##  ##   ##\n";
+constexpr char FULL_BLOCK = '\xdb';  // of code page 437; '#' above
+
+void set_color(uint8_t color) { console_set_color(color, CONSOLE_BLACK); }
+
+/// Prints `label` in `color`, then makes white the colour of the value.
+void print_label(uint8_t color, const char* label) {
+    set_color(color);
+    kprintf("%s", label);
+    set_color(CONSOLE_WHITE);
+}
+
+void check_off(const char* item) {
+    set_color(CONSOLE_GREY);
+    kprintf("  [ ");
+    set_color(CONSOLE_BRIGHT_GREEN);
+    kprintf(" OK ");
+    set_color(CONSOLE_GREY);
+    kprintf(" ] %s\n", item);
+}
+
+void print_checklist() {
+    set_color(CONSOLE_WHITE);
+    kprintf("\n  Vorn %s — booting services...\n\n", VORN_VERSION);
+    for (const char* item : CHECKLIST)
+        check_off(item);
+    set_color(CONSOLE_WHITE);
+    kprintf("\n  Boot complete.\n\n");
+}
+
+/// Leaves the checklist on the screen for a moment.
+void wait_ticks(uint32_t ticks) {
+    const uint32_t start = system_ticks;
+    while (system_ticks - start < ticks)
+        task_sleep(1);
+}
+
+void print_logo() {
+    set_color(CONSOLE_BRIGHT_CYAN);
+    for (const char* c = LOGO; *c != '\0'; ++c)
+        kprintf("%c", *c == '#' ? FULL_BLOCK : *c);
+}
+
+void print_banner() {
+    console_clear();
+    kprintf("\n");
+    print_logo();
+    set_color(CONSOLE_BRIGHT_GREEN);
+    kprintf("\n    Distributed Actor Operating System\n\n");
+    print_label(CONSOLE_GREY, "  Kernel: ");
+    kprintf("Vorn x86-32");
+    print_label(CONSOLE_GREY, "    Memory: ");
+    kprintf("%u MB", pmm_total_frames() / (1024 / FRAME_KB));
+    print_label(CONSOLE_GREY, "    Programs: ");
+    kprintf("%d\n", PROGRAMS);
+    print_label(CONSOLE_GREY, "  Actors: ");
+    kprintf("%d", ACTORS);
+    print_label(CONSOLE_GREY, "             Uptime: ");
+    kprintf("%u ticks", system_ticks);
+    print_label(CONSOLE_GREY, "   Type ");
+    kprintf("'help'");
+    set_color(CONSOLE_GREY);
+    kprintf(" for commands\n\n");
+    print_label(CONSOLE_BRIGHT_GREEN, "  Identity  ");
+    kprintf("(initializing...)\n");
+    print_label(CONSOLE_BRIGHT_GREEN, "  Actors    ");
+    kprintf("%d registered\n", ACTORS);
+    set_color(CONSOLE_GREY);
+}
+
+}  // namespace
+
+void shell_task(void) {
+    shell_init();
+    print_checklist();
+    if (smp_cpu_count() == 1)
+        wait_ticks(BANNER_WAIT_TICKS);
+    print_banner();
+    shell_run();
+}
