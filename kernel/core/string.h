@@ -52,8 +52,8 @@ char* strrchr(const char* s, int c);
 char* strstr(const char* haystack, const char* needle);
 
 /// Skips spaces, takes one optional sign, then decimal digits; no digits yield 0. An overflow
-/// wraps.
-int atoi(const char* s);
+/// wraps. (<algorithm> brings the C library's declaration of it; this one must not contradict it.)
+int atoi(const char*);  // NOLINT(readability-redundant-declaration)
 
 /// The message of an error code 0..12; any other value is "unknown error".
 const char* strerror(int err);
