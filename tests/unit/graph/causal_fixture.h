@@ -43,12 +43,18 @@ protected:
                          causal_type_t type = CAUSAL_USER, const char* subsystem = "test") {
         return causal_emit(type, subsystem, desc, parents.data(), static_cast<int>(parents.size()));
     }
+    /// What `command` prints for these arguments.
+    static std::string run(void (*command)(int, char**), std::vector<std::string> args = {}) {
+        args.insert(args.begin(), "name");
+        std::vector<char*> argv;
+        for (std::string& arg : args)
+            argv.push_back(arg.data());
+        screen.clear();
+        command(static_cast<int>(argv.size()), argv.data());
+        return screen;
+    }
     static ids_t parents(uint32_t id) {
         const causal_event_t* ev = causal_get(id);
         return ids_t(ev->parents, ev->parents + ev->num_parents);
-    }
-    static void fill_ring() {
-        while (causal_ring_used() < CAUSAL_RING_SLOTS)
-            emit();
     }
 };

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <map>
 #include <random>
-#include <sstream>
 
 #include "tests/unit/graph/causal_fixture.h"
 
@@ -11,42 +10,30 @@ namespace {
 
 class Causal : public causal_fixture {
 protected:
-    /// An event in words: identifier, time, origin, texts, parents and how many it caused.
+    /// An event in words: its place in time, origin, texts, first parent and number of children.
     static std::string show(uint32_t id) {
         const causal_event_t* ev = causal_get(id);
-        if (ev == nullptr)
-            return "none";
-        std::ostringstream out;
-        out << ev->id << " lamport " << ev->time.lamport << " tick " << ev->time.wall_ticks
-            << " node " << ev->node_hash << " " << causal_type_name(ev->type) << "/"
-            << ev->subsystem << ": " << ev->desc << " <-";
-        for (const uint32_t parent : parents(id))
-            out << " " << parent;
-        out << " +" << ev->child_count;
-        return out.str();
+        char text[256] = "none";
+        if (ev != nullptr)
+            snprintf(text, sizeof text, "lamport %llu tick %u node %u %s/%s: %s <- %u +%u",
+                     ev->time.lamport, ev->time.wall_ticks, ev->node_hash,
+                     causal_type_name(ev->type), ev->subsystem, ev->desc, ev->parents[0],
+                     ev->child_count);
+        return text;
     }
-
-    template <typename query_fn>
-    static ids_t results(int max, query_fn query) {
+    /// The identifiers of at most `max` results of a query.
+    template <auto query, typename... arg_t>
+    static ids_t found(int max, arg_t... args) {
         std::vector<causal_event_t*> out(static_cast<size_t>(max));
-        out.resize(static_cast<size_t>(query(out.data())));
         ids_t ids;
-        for (const causal_event_t* ev : out)
-            ids.push_back(ev->id);
+        for (int i = 0, n = query(args..., out.data(), max); i < n; i++)
+            ids.push_back(out.at(static_cast<size_t>(i))->id);
         return ids;
     }
-    static ids_t recent(causal_type_t type, int max) {
-        return results(max, [&](auto** out) { return causal_query_recent(type, out, max); });
-    }
-    static ids_t range(uint32_t from, uint32_t to, int max) {
-        return results(max, [&](auto** out) { return causal_query_range(from, to, out, max); });
-    }
-    static ids_t children(uint32_t id, int max) {
-        return results(max, [&](auto** out) { return causal_query_children(id, out, max); });
-    }
-    static ids_t ancestors(uint32_t id, int max) {
-        return results(max, [&](auto** out) { return causal_query_ancestors(id, out, max); });
-    }
+    static constexpr auto recent = found<causal_query_recent, causal_type_t>;
+    static constexpr auto range = found<causal_query_range, uint32_t, uint32_t>;
+    static constexpr auto children = found<causal_query_children, uint32_t>;
+    static constexpr auto ancestors = found<causal_query_ancestors, uint32_t>;
 };
 
 TEST_F(Causal, InitForgetsEverythingAndRecordsTheBoot) {
@@ -55,16 +42,15 @@ TEST_F(Causal, InitForgetsEverythingAndRecordsTheBoot) {
     causal_set_node_hash(5);
     causal_init();
     EXPECT_EQ(screen, "[boot] Causal event graph initialized (16384 slots)\n");
-    EXPECT_EQ(show(1), "1 lamport 1 tick 0 node 0 sched/boot: kernel boot started <- +0");
+    EXPECT_EQ(show(1), "lamport 1 tick 0 node 0 sched/boot: kernel boot started <- 0 +0");
     EXPECT_EQ(show(2), "none");
     EXPECT_EQ(causal_get_current(), 1u);
     EXPECT_EQ(record_event(CAUSAL_MEM, "mem", "page %d", 3), 2u);
-    EXPECT_EQ(show(2), "2 lamport 2 tick 0 node 0 mem/mem: page 3 <- 1 +0");
+    EXPECT_EQ(show(2), "lamport 2 tick 0 node 0 mem/mem: page 3 <- 1 +0");
 }
 
 TEST_F(Causal, EventsWithoutNamedParentsFollowTheTask) {
     EXPECT_EQ(parents(emit()), ids_t{});
-    EXPECT_EQ(causal_get_current(), 0u);
     run_task();
     const uint32_t first = emit();
     const uint32_t second = emit();
@@ -83,31 +69,17 @@ TEST_F(Causal, EventsWithoutNamedParentsFollowTheTask) {
     EXPECT_EQ(causal_get_current(), 0u);
 }
 
-TEST_F(Causal, NamedParentsAreKeptUpToFourFoundOrNot) {
-    const uint32_t id = emit({1, 0, 999999, 1, 1, 1});
-    EXPECT_EQ(parents(id), (ids_t{1, 0, 999999, 1}));
-    EXPECT_EQ(causal_get(1)->child_count, 2u);
-}
-
-/// Fills the ring with the longest texts and payloads, so that what a slot keeps is seen.
-void dirty_ring() {
-    const std::string text(100, '\xff');
-    const std::vector<uint8_t> payload(CAUSAL_PAYLOAD_MAX, 0xEE);
-    const uint32_t four[] = {1, 1, 1, 1};
-    for (uint32_t i = 0; i < CAUSAL_RING_SLOTS; i++)
-        causal_emit_payload(CAUSAL_IO, text.c_str(), text.c_str(), four, 4, payload.data(), 420);
-}
-
 TEST_F(Causal, TextsAreCutAndTheSlotIsClearWhereverTheTextStands) {
-    dirty_ring();
-    const size_t page = 4096;
-    char* pages = static_cast<char*>(
-        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    ASSERT_EQ(mprotect(pages + page, page, PROT_NONE), 0);
+    const std::string full(500, '\xff');
+    for (uint32_t i = 0; i < CAUSAL_RING_SLOTS; i++)
+        causal_emit_payload(CAUSAL_IO, &full[0], &full[0], &i, 1, full.data(), 500);
+    void* pages = mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    char* page_end = static_cast<char*>(pages) + 4096;
+    ASSERT_EQ(mprotect(page_end, 4096, PROT_NONE), 0);
     std::mt19937 random(20);
     for (uint32_t len = 0; len <= 90; len++) {
         for (uint32_t gap = 0; gap <= 5; gap++) {
-            char* text = pages + page - gap - len - 1;
+            char* text = page_end - gap - len - 1;
             for (uint32_t i = 0; i < len; i++)
                 text[i] = static_cast<char>(1 + random() % 255);
             text[len] = '\0';
@@ -123,7 +95,7 @@ TEST_F(Causal, TextsAreCutAndTheSlotIsClearWhereverTheTextStands) {
             ASSERT_EQ(memcmp(ev->parents, wanted.parents, 20), 0) << len << " " << gap;
         }
     }
-    munmap(pages, 2 * page);
+    munmap(pages, 8192);
     EXPECT_STREQ(causal_get(causal_emit(CAUSAL_FS, nullptr, nullptr, nullptr, 0))->desc, "");
     EXPECT_STREQ(causal_get(causal_event_fmt(5, nullptr, nullptr))->desc, "");
     const std::string text(70, 'x');
@@ -139,29 +111,22 @@ TEST_F(Causal, PayloadsAreCutAndMayNameTheirSchema) {
             causal_emit_payload(CAUSAL_SYSCALL, "s", "d", nullptr, 0, payload.data(), len));
     };
     EXPECT_EQ(payload_event({8, 0, 1, 0})->schema_id, 8u);
-    EXPECT_EQ(payload_event({0, 0, 1, 0})->schema_id, 0u);
     for (const bytes_t& bad : {bytes_t{8, 0, 1}, bytes_t{8, 0, 0, 0}, bytes_t{8, 0, 2, 0},
-                               bytes_t{12, 0, 1, 0}, bytes_t{8, 1, 1, 0}, bytes_t{}}) {
+                               bytes_t{12, 0, 1, 0}, bytes_t{8, 1, 1, 0}, bytes_t{}})
         EXPECT_EQ(payload_event(bad)->schema_id, 1u);
-        EXPECT_EQ(payload_event(bad)->schema_version, 1u);
-    }
     bytes_t big(500, 3);
     big[1] = 0, big[2] = 1;
     const causal_event_t* ev = payload_event(big);
     EXPECT_EQ(ev->payload_len, 420u);
     EXPECT_EQ(ev->schema_id, 3u);
     EXPECT_TRUE(std::equal(ev->payload, ev->payload + 420, big.begin()));
-    EXPECT_FALSE(ev->payload_hash_valid);
-    ev = causal_get(causal_emit_payload(CAUSAL_IO, "s", "d", nullptr, 0, nullptr, 500));
-    EXPECT_EQ(ev->payload_len, 0u);
 }
 
 TEST_F(Causal, TheRingKeepsTheNewest16384) {
-    EXPECT_EQ(show(0), "none");
     EXPECT_EQ(causal_get_ring(causal_get_next_id()), nullptr);
-    fill_ring();
-    EXPECT_EQ(causal_oldest_event_id(), 1u);
-    EXPECT_EQ(parents(emit({1, 2})), (ids_t{1, 2}));
+    while (causal_ring_used() < CAUSAL_RING_SLOTS)
+        emit();
+    EXPECT_EQ(parents(emit({1, 0, 2, 999999, 3, 4})), (ids_t{1, 0, 2, 999999}));
     EXPECT_EQ(causal_get_ring(1), nullptr);
     EXPECT_EQ(causal_get(1), nullptr);
     EXPECT_EQ(causal_get(16385)->child_count, 0u);
@@ -180,26 +145,22 @@ TEST_F(Causal, RecordingEndsWithTheLastIdentifier) {
     EXPECT_EQ(emit(), 0u);
     EXPECT_EQ(causal_total_events(), 0xFFFFFFFFu);
     EXPECT_EQ(causal_oldest_event_id(), 0xFFFFC000u);
-    EXPECT_EQ(recent(CAUSAL_USER, 4), (ids_t{0xFFFFFFFF, 0xFFFFFFFE}));
+    EXPECT_EQ(recent(4, CAUSAL_USER), (ids_t{0xFFFFFFFF, 0xFFFFFFFE}));
     EXPECT_EQ(causal_count_orphans(), 2u);
 }
 
 TEST_F(Causal, OnlyProcessorZeroRecordsAndWithInterruptsMasked) {
     static bool masked;
-    static uint32_t processor;
+    machine().interrupts_on = true;
+    cpu_id_query = [] { return 1u; };
+    EXPECT_EQ(emit(), 0u);
+    EXPECT_EQ(causal_get_lamport(), 1u);
     cpu_id_query = [] {
         masked = !machine().interrupts_on;
-        return processor;
+        return 0u;
     };
-    machine().interrupts_on = true;
-    processor = 1;
-    EXPECT_EQ(emit(), 0u);
-    EXPECT_EQ(causal_total_events(), 1u);
-    EXPECT_EQ(causal_get_lamport(), 1u);
-    processor = 0;
     EXPECT_EQ(emit(), 2u);
-    EXPECT_TRUE(masked);
-    EXPECT_TRUE(machine().interrupts_on);
+    EXPECT_TRUE(masked && machine().interrupts_on);
 }
 
 TEST_F(Causal, AnImportedEventLiesAfterBothClocks) {
@@ -210,50 +171,45 @@ TEST_F(Causal, AnImportedEventLiesAfterBothClocks) {
     causal_tick_lamport(1ull << 33);
     const uint32_t parent = 77;
     causal_emit_remote(CAUSAL_MESH, "mesh", "hello", &parent, 1, nullptr, 0, 9);
-    EXPECT_EQ(show(2), "2 lamport 8589934594 tick 0 node 9 mesh/mesh: hello <- 77 +0");
+    EXPECT_EQ(show(2), "lamport 8589934594 tick 0 node 9 mesh/mesh: hello <- 77 +0");
     system_ticks = 6;
-    machine().tsc = 0x100000005;
     emit();
-    EXPECT_EQ(show(3), "3 lamport 8589934595 tick 6 node 2 user/test: thing <- +0");
-    EXPECT_LT(causal_get(3)->time.tsc_lo - 5, 4u);
+    EXPECT_EQ(show(3), "lamport 8589934595 tick 6 node 2 user/test: thing <- 0 +0");
 }
 
-/// An archive of events, and how often each was fetched.
 std::map<uint32_t, causal_event_t> archive;
-std::map<uint32_t, int> fetches;
-
-bool fetch(uint32_t id, causal_event_t* out) {
-    fetches[id]++;
-    if (!archive.contains(id))
-        return false;
-    *out = archive[id];
-    return true;
-}
-
-int archived_children(uint32_t id, uint32_t* ids, int max) {
-    int count = 0;
-    for (const auto& [child, ev] : archive)
-        if (count < max && ev.num_parents > 0 && ev.parents[0] == id)
-            ids[count++] = child;
-    return count;
-}
-
-constexpr causal_archive_hooks_t ARCHIVE = {fetch, archived_children};
+int fetches;
 
 class CausalArchive : public Causal {
 protected:
     void SetUp() override {
         Causal::SetUp();
         archive.clear();
-        fetches.clear();
+        fetches = 0;
         causal_set_next_id(100000);
         emit();
-        causal_set_archive_hooks(&ARCHIVE);
+        causal_set_archive_hooks(&HOOKS);
     }
-    void store(uint32_t id, uint32_t parent) {
-        archive[id].num_parents = parent != 0 ? 1 : 0;
+    static void store(uint32_t id, uint32_t parent) {
+        archive[id].num_parents = 1;
         archive[id].parents[0] = parent;
     }
+
+private:
+    static bool fetch(uint32_t id, causal_event_t* out) {
+        fetches++;
+        if (archive.contains(id))
+            *out = archive[id];
+        return archive.contains(id);
+    }
+    static int archived_children(uint32_t id, uint32_t* ids, int max) {
+        int count = 0;
+        for (const auto& [child, ev] : archive)
+            if (count < max && ev.num_parents > 0 && ev.parents[0] == id)
+                ids[count++] = child;
+        return count;
+    }
+    static constexpr causal_archive_hooks_t HOOKS = {fetch, archived_children};
 };
 
 TEST_F(CausalArchive, EventsComeBackTidyAndAreFetchedOnce) {
@@ -274,16 +230,16 @@ TEST_F(CausalArchive, EventsComeBackTidyAndAreFetchedOnce) {
     causal_event_t copy;
     EXPECT_TRUE(causal_copy(7, &copy));
     EXPECT_EQ(copy.id, 7u);
-    EXPECT_EQ(fetches[7], 1);
-    EXPECT_FALSE(causal_copy(8, &copy));
     EXPECT_EQ(causal_get(0), nullptr);
-    EXPECT_FALSE(fetches.contains(0));
+    EXPECT_EQ(fetches, 1);
+    EXPECT_FALSE(causal_copy(8, &copy));
     for (uint32_t id = 1000; id < 1000 + CAUSAL_HYDRATED_SLOTS; id++) {
-        store(id, 0);
+        store(id, 1);
         causal_get(id);
     }
+    fetches = 0;
     EXPECT_NE(causal_get(7), nullptr);
-    EXPECT_EQ(fetches[7], 2);
+    EXPECT_EQ(fetches, 1);
 }
 
 TEST_F(CausalArchive, ChildrenComeFromTheRingThenTheArchiveEachOnce) {
@@ -293,12 +249,11 @@ TEST_F(CausalArchive, ChildrenComeFromTheRingThenTheArchiveEachOnce) {
     store(21, 5);
     store(once, 5);
     archive[22] = {};
-    EXPECT_EQ(children(5, 40), (ids_t{twice, once, 20, 21}));
-    EXPECT_EQ(children(5, 3), (ids_t{twice, once, 20}));
-    EXPECT_EQ(children(5, 0), ids_t{});
+    EXPECT_EQ(children(40, 5), (ids_t{twice, once, 20, 21}));
+    EXPECT_EQ(children(0, 5), ids_t{});
     for (uint32_t id = 200; id < 250; id++)
         store(id, 6);
-    EXPECT_EQ(children(6, 100).size(), 32u);
+    EXPECT_EQ(children(100, 6).size(), 32u);
 }
 
 TEST_F(Causal, QueriesByTypeAndTick) {
@@ -307,11 +262,9 @@ TEST_F(Causal, QueriesByTypeAndTick) {
         emit({}, "io", CAUSAL_IO);
         emit();
     }
-    EXPECT_EQ(recent(CAUSAL_IO, 3), (ids_t{10, 8, 6}));
-    EXPECT_EQ(recent(CAUSAL_MESH, 8), ids_t{});
-    EXPECT_EQ(range(2, 3, 8), (ids_t{4, 5, 6, 7}));
-    EXPECT_EQ(range(2, 5, 1), ids_t{4});
-    EXPECT_EQ(range(4, 3, 8), ids_t{});
+    EXPECT_EQ(recent(3, CAUSAL_IO), (ids_t{10, 8, 6}));
+    EXPECT_EQ(range(8, 2, 3), (ids_t{4, 5, 6, 7}));
+    EXPECT_EQ(range(1, 2, 5), ids_t{4});
 }
 
 TEST_F(Causal, AncestorsBreadthFirstEachOnceAtMost32Visited) {
@@ -319,28 +272,13 @@ TEST_F(Causal, AncestorsBreadthFirstEachOnceAtMost32Visited) {
     const uint32_t left = emit({root});
     const uint32_t right = emit({root, 9999});
     const uint32_t tip = emit({right, left});
-    EXPECT_EQ(ancestors(tip, 64), (ids_t{right, left, root}));
-    EXPECT_EQ(ancestors(tip, 2), (ids_t{right, left}));
-    EXPECT_EQ(ancestors(tip, 0), ids_t{});
-    EXPECT_EQ(ancestors(root, 9), ids_t{});
-    EXPECT_EQ(ancestors(9999, 9), ids_t{});
+    EXPECT_EQ(ancestors(64, tip), (ids_t{right, left, root}));
+    EXPECT_EQ(ancestors(0, tip), ids_t{});
+    EXPECT_EQ(ancestors(9, root), ids_t{});
     run_task();
     while (causal_total_events() < 60)
         emit();
-    EXPECT_EQ(ancestors(60, 64).size(), 32u);
-}
-
-TEST_F(Causal, TheRateIsMeasuredOnceInHundredTicks) {
-    ids_t rates;
-    for (const uint32_t tick : {99u, 100u, 199u, 200u}) {
-        emit();
-        system_ticks = tick;
-        causal_update_rate();
-        causal_health_t h;
-        causal_compute_health(&h);
-        rates.push_back(h.events_per_sec);
-    }
-    EXPECT_EQ(rates, (ids_t{0, 3, 3, 2}));
+    EXPECT_EQ(ancestors(64, 60).size(), 32u);
 }
 
 TEST_F(Causal, ActivityCountsWholePidsInRecentEvents) {
@@ -360,18 +298,6 @@ TEST_F(Causal, ActivityCountsWholePidsInRecentEvents) {
     for (int i = 0; i < 70; i++)
         emit({}, "pid=2");
     EXPECT_EQ(causal_task_activity(2), 64u);
-}
-
-TEST_F(Causal, NamesAndNumbers) {
-    for (int type = 0; type < 10; type++)
-        EXPECT_EQ(causal_type_from_name(causal_type_name(static_cast<uint32_t>(type))), type);
-    EXPECT_STREQ(causal_type_name(10), "?");
-    EXPECT_STREQ(causal_type_label_upper(~0u), "???");
-    EXPECT_EQ(causal_type_from_name("MESH"), -1);
-    EXPECT_EQ(causal_type_from_name(nullptr), -1);
-    EXPECT_EQ(causal_parse_uint("42x"), 42u);
-    EXPECT_EQ(causal_parse_uint("+1"), 0u);
-    EXPECT_EQ(causal_read_kv_int("k", 5), 5);
 }
 
 }  // namespace
