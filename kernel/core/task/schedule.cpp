@@ -132,20 +132,21 @@ void make_running_locked(task_t* t, uint32_t cpu) REQUIRES(sched_lock) {
     sched.cpu_current[cpu] = t;
 }
 
-/// A task that overran its stack never runs again.
-void end_if_overrun_locked(task_t* prev, task_t* next, uint32_t cpu) REQUIRES(sched_lock) {
+/// A task that overran its stack never runs again; it leaves the processor in this pass.
+void end_if_overrun_locked(task_t* prev, uint32_t cpu) REQUIRES(sched_lock) {
     if (!task_stack_overrun(prev))
         return;
     // The text belongs on the machine's console: writing to somebody's session might wait.
     sched.cpu_current[cpu] = nullptr;
     kprintf("[FAULT] Stack overflow in '%s' (pid %d)\n", prev->name, prev->pid);
-    sched.cpu_current[cpu] = next;
+    sched.cpu_current[cpu] = prev;
     if (cpu == 0) {
         const irq_context_scope context;
         causal_set_current(prev->causal_ctx);
         causal_event_fmt(CAUSAL_SCHED, "sched", "stack_overflow pid=%d name=%s", prev->pid,
                          prev->name);
     }
+    running().recorded = true;  // so that the switch away from it is recorded
     end_task_locked(prev);
 }
 
@@ -173,7 +174,6 @@ void switch_locked(task_t* prev, task_t* next, uint32_t cpu, bool preempted) REQ
     uint32_t* directory = directory_of(next);
     if (directory != directory_of(prev))
         vmm_switch_dir(directory);
-    end_if_overrun_locked(prev, next, cpu);
     const bool of_interest = running().recorded || (preempted && !prev->idle_waiting);
     running_becomes(next);
     if (of_interest && cpu == 0) {
@@ -189,6 +189,7 @@ void pass_on_bsp_locked(bool preempted) REQUIRES(sched_lock) {
     if (now - sched.last_reap_tick >= REAP_INTERVAL && reap_locked(REAP_PER_PASS) <= REAP_PER_PASS)
         sched.last_reap_tick = now;
     task_t* prev = sched.cpu_current[0];
+    end_if_overrun_locked(prev, 0);
     if (prev->state == TASK_RUNNING) {
         if (sched.ready_eligible[0] == 0)
             return;
@@ -220,6 +221,7 @@ void pass_on_ap_locked(uint32_t cpu) REQUIRES(sched_lock) {
     if (prev == nullptr)
         return;
     ++sched.cpu_run_ticks[cpu];
+    end_if_overrun_locked(prev, cpu);
     if (prev->state == TASK_RUNNING && prev != idle) {
         prev->state = TASK_READY;
         enqueue_locked(prev);
