@@ -264,7 +264,7 @@ void show_help(const char*) {
 void print_error_code(const registers_t* regs) {
     const uint32_t code = regs->err_code;
     if (regs->int_no == VECTOR_PAGE_FAULT) {
-        const char* access = (code & 0x10) != 0 ? "fetch from" : "read of";
+        const char* access = state.cr2 == regs->eip ? "fetch from" : "read of";
         if ((code & 0x2) != 0)
             access = "write to";
         const char* why = (code & 0x1) != 0 ? "protected" : "not mapped";
