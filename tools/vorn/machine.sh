@@ -25,21 +25,26 @@ socket_live() { grep -q " $PWD/$1\$\| $1\$" /proc/net/unix 2>/dev/null && [ -S "
 wait_for() {
     local until=$((SECONDS + $3))
     while ! grep -qF -- "$2" "$1" 2>/dev/null; do
-        kill -0 "$4" 2>/dev/null && [ "$SECONDS" -le "$until" ] || return 1
+        kill -0 "$4" 2>/dev/null || { cat "$1.qemu" >&2; return 1; }
+        [ "$SECONDS" -le "$until" ] || return 1
         sleep 0.1
     done
 }
 
-# start_hidden LOG ARGS...: a machine without terminal or network, serial into LOG, pid in `hidden`.
+# A machine without terminal, screen, disk and network.
+bare_args() {
+    args=(-kernel "$VORN_IMAGE" -cpu max -m "$VORN_MEMORY" -display none -nic none -no-reboot)
+}
+
+# start_hidden LOG ARGS...: a machine in the background, serial into LOG, its pid in `hidden`.
 start_hidden() {
     local log=$1
     shift
     rm -f "$log"
-    setsid setpriv --pdeathsig KILL -- "$VORN_QEMU" -kernel "$VORN_IMAGE" -cpu max -display none \
-        -nic none -no-reboot -serial "file:$log" "$@" </dev/null >&2 &
+    setsid setpriv --pdeathsig KILL -- "$VORN_QEMU" "$@" -serial "file:$log" \
+        </dev/null >"$log.qemu" 2>&1 &
     hidden=$!
-    # shellcheck disable=SC2064
-    trap "kill $hidden 2>/dev/null || true" EXIT
+    trap stop_hidden EXIT
 }
 
 stop_hidden() { kill "$hidden" 2>/dev/null || true; wait "$hidden" 2>/dev/null || true; }
@@ -49,7 +54,8 @@ stop_hidden() { kill "$hidden" 2>/dev/null || true; wait "$hidden" 2>/dev/null |
 kvm_works() {
     grep -qwE 'vmx|svm' /proc/cpuinfo && [ -w /dev/kvm ] || return 1
     local ok=0
-    start_hidden build/kvm-probe.log -accel kvm -m "$VORN_MEMORY"
+    bare_args
+    start_hidden build/kvm-probe.log "${args[@]}" -accel kvm
     wait_for build/kvm-probe.log "$PROMPT" 5 "$hidden" || ok=1
     stop_hidden
     return $ok

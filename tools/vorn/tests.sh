@@ -56,6 +56,7 @@ test_system() {
     build_preset kernel || { count system 0 1; return; }
     local status=0 log=$logs/system.log bad
     child timeout --foreground 900 "$VORN_PYTHON" -m pytest tests/system -q -p no:cacheprovider \
+        -W ignore::DeprecationWarning \
         -n "$VORN_JOBS" ${filter:+-k "$filter"} > >(tee "$log") 2>&1 || status=$?
     wait $!
     # Status 5: the filter matches none of these tests.
