@@ -114,13 +114,17 @@ heap_block_t* first_fit(uint32_t need, damage_t& damage) REQUIRES(heap_lock) {
         heap_block_t* block = heap_index_scan(stretch, need);
         if (block != nullptr && heap_block_sound(block))
             return block;
-        heap_index_visit_free(stretch, repair_visited, &damage);
+        heap_index_visit(stretch, repair_visited, &damage);
     }
-    return nullptr;
+    heap_block_t* tail = heap_index_tail();
+    if (tail == nullptr)
+        return nullptr;
+    ensure_sound(tail, damage);
+    return tail->size >= need ? tail : nullptr;
 }
 
-/// Cuts what `block` has beyond `need` bytes off as a free block of its own.
-void split(heap_block_t* block, uint32_t need) REQUIRES(heap_lock) {
+/// Cuts what `block` has beyond `need` bytes off as a free block of its own, and returns that.
+heap_block_t* split(heap_block_t* block, uint32_t need) REQUIRES(heap_lock) {
     auto* rest = static_cast<heap_block_t*>(pointer_to(data_of(block) + need));
     const heap_cell_t cell = heap_cell_of(rest);
     rest->size = block->size - need - HEAP_HEADER;
@@ -132,51 +136,71 @@ void split(heap_block_t* block, uint32_t need) REQUIRES(heap_lock) {
         rest->next->prev = cell & NO_CELL;
     block->size = need;
     block->next = rest;
-    heap_index_put(cell, true);
-    heap_index_refresh(cell);
+    heap_index_mark(cell, true);
+    return rest;
+}
+
+/// Turns the free `block` into a used one of `need` bytes, or of what it has when that is little
+/// more.
+void occupy(heap_block_t* block, uint32_t need) REQUIRES(heap_lock) {
+    const heap_cell_t cell = heap_cell_of(block);
+    const uint32_t size = block->size;
+    heap_block_t* rest = size > need + SPLIT_REST ? split(block, need) : nullptr;
+    block->free = 0;
+    heap_index_mark(cell, false);
+    if (block == heap_index_tail()) {
+        heap_index_set_tail(rest);
+        return;
+    }
+    heap_index_leave(cell, size);
+    if (rest != nullptr)
+        heap_index_enter(rest);
 }
 
 /// Makes `right`, the successor of `left`, part of it. Both are sound.
 void absorb(heap_block_t* left, const heap_block_t* right) REQUIRES(heap_lock) {
-    const heap_cell_t cell = heap_cell_of(right);
     left->size += right->size + HEAP_HEADER;
     left->next = right->next;
     if (left->next != nullptr)
         left->next->prev = heap_cell_of(left) & NO_CELL;
-    heap_index_remove(cell);
-    heap_index_refresh(cell);
+    heap_index_unmark(heap_cell_of(right));
 }
 
-/// Marks `block` free and merges it with its free neighbours.
+/// Marks `block` free and merges it with its free neighbours; no others can be free side by side.
 void release(heap_block_t* block, damage_t& damage) REQUIRES(heap_lock) {
+    uint32_t next_size = 0;
+    uint32_t prev_size = 0;
     block->free = 1;
-    heap_index_put(heap_cell_of(block), true);
+    heap_index_mark(heap_cell_of(block), true);
     heap_block_t* next = block->next;
     if (next != nullptr && heap_index_free(heap_cell_of(next))) {
         ensure_sound(next, damage);
+        next_size = next->size;
         absorb(block, next);
     }
     heap_block_t* prev = previous_block(block, damage);
     if (prev != nullptr && heap_index_free(heap_cell_of(prev))) {
+        prev_size = prev->size;
         absorb(prev, block);
         block = prev;
     }
-    heap_index_refresh(heap_cell_of(block));
+    heap_index_enter(block);
+    if (block->next == nullptr) {
+        if (prev_size != 0)
+            heap_index_leave(heap_cell_of(block), prev_size);
+    } else if (next_size != 0) {
+        heap_index_leave(heap_cell_of(next), next_size);
+    }
 }
 
-/// Steps 3 to 8 of an allocation. Returns the caller's address, or 0.
+/// Allocates `size` bytes, at most HEAP_BYTES. Returns the caller's address, or 0.
 uint32_t take(uint32_t size, damage_t& damage) REQUIRES(heap_lock) {
     const uint32_t need = (size + 2 * HEAP_GUARD + HEAP_GRAIN - 1) & ~(HEAP_GRAIN - 1);
     heap_block_t* block = first_fit(need, damage);
     if (block == nullptr)
         return 0;
-    if (block->size > need + SPLIT_REST)
-        split(block, need);
-    const heap_cell_t cell = heap_cell_of(block);
-    block->free = 0;
+    occupy(block, need);
     block->user_size = size;
-    heap_index_put(cell, false);
-    heap_index_refresh(cell);
     const uint32_t data = data_of(block);
     store32(data, PRE_GUARD);
     store32(data + HEAP_GUARD + size, POST_GUARD);
@@ -312,8 +336,8 @@ void heap_init(void) {
         all->free = 1;
         all->prev = NO_CELL;
         all->next = nullptr;
-        heap_index_put(0, true);
-        heap_index_refresh(0);
+        heap_index_mark(0, true);
+        heap_index_enter(all);
     }
     pmm_reserve_range(start, start + HEAP_BYTES);
 }

@@ -1,12 +1,7 @@
-// Marks and maxima of the heap.
-//
-// Marks: one bit a cell. A header's first cell is marked; its second cell is marked when the block
-// is free. Behind the header at least one cell is data and clear, so a run of marks is one header:
-//
-//   1 0 0 0 ...  a used block        1 1 0 0 0 ...  a free block
-//
 // Maxima: an 8-ary tree over 32768 stretches of 1536 bytes; a leaf holds the size of the largest
-// free block whose header stands in the stretch, an inner node the largest of its children.
+// free block whose header stands in the stretch, an inner node the largest of its children. The
+// tail, the free block at the heap's end, is left out: nearly every allocation of a young heap cuts
+// a piece from it, and it is the last candidate anyway.
 #include "kernel/core/memory/heap_index.h"
 
 #include <algorithm>
@@ -16,60 +11,49 @@
 
 namespace {
 
-constexpr uint32_t CELLS = HEAP_BYTES / HEAP_GRAIN;
-constexpr uint32_t WORD_BITS = 32;
-constexpr uint32_t WORDS = CELLS / WORD_BITS;
-
 constexpr uint32_t FANOUT = 8;
 constexpr uint32_t LEVELS = 5;
 constexpr uint32_t STRETCHES = 32768;
-constexpr uint32_t STRETCH_CELLS = CELLS / STRETCHES;
-constexpr uint32_t STRETCH_WORDS = STRETCH_CELLS / WORD_BITS;
+constexpr uint32_t STRETCH_CELLS = HEAP_CELLS / STRETCHES;
+constexpr uint32_t STRETCH_WORDS = STRETCH_CELLS / HEAP_MARK_BITS;
 static_assert(STRETCHES == FANOUT * FANOUT * FANOUT * FANOUT * FANOUT);
-static_assert(STRETCH_WORDS * STRETCHES == WORDS);
+static_assert(STRETCH_WORDS * STRETCHES == HEAP_MARK_WORDS);
 
 /// Where each level starts in `maxima`, leaves first; the top level has FANOUT nodes.
 constexpr uint32_t LEVEL_START[LEVELS + 1] = {0, 32768, 36864, 37376, 37440, 37448};
 
-uint32_t marks[WORDS];
+uint32_t* const marks = heap_marks + 1;  // of cell 0
 uint32_t maxima[LEVEL_START[LEVELS]];
+heap_block_t* tail;
 
-bool marked(heap_cell_t cell) { return (marks[cell / WORD_BITS] >> (cell % WORD_BITS) & 1) != 0; }
-
-void set_mark(heap_cell_t cell, bool on) {
-    const uint32_t bit = 1u << (cell % WORD_BITS);
-    uint32_t& word = marks[cell / WORD_BITS];
-    word = on ? word | bit : word & ~bit;
-}
-
-/// The header bits of free blocks in one word of marks.
-uint32_t free_headers(uint32_t w) {
-    const uint32_t word = marks[w];
-    if (word == 0)
-        return 0;
-    const uint32_t below = w == 0 ? 0 : marks[w - 1] >> (WORD_BITS - 1);
-    const uint32_t above = w + 1 == WORDS ? 0 : marks[w + 1] << (WORD_BITS - 1);
-    return word & ~(word << 1 | below) & (word >> 1 | above);
-}
-
-/// Calls f(block) for the free blocks of a stretch in address order until it returns true.
+/// Calls f(block) for the entered blocks of a stretch in address order until it returns true.
 template <typename F>
 void each_free(uint32_t stretch, F f) REQUIRES(heap_lock) {
     const uint32_t first = stretch * STRETCH_WORDS;
-    for (uint32_t w = first; w < first + STRETCH_WORDS; ++w)
-        for (uint32_t bits = free_headers(w); bits != 0; bits &= bits - 1) {
-            const auto bit = static_cast<uint32_t>(std::countr_zero(bits));
-            if (f(heap_block_at(w * WORD_BITS + bit)))
+    uint32_t below = marks[static_cast<int32_t>(first) - 1] >> (HEAP_MARK_BITS - 1);
+    uint32_t word = marks[first];
+    for (uint32_t w = first; w < first + STRETCH_WORDS; ++w) {
+        const uint32_t above = marks[w + 1];
+        const uint32_t headers = word & ~(word << 1 | below);
+        uint32_t free = headers & (word >> 1 | above << (HEAP_MARK_BITS - 1));
+        for (; free != 0; free &= free - 1) {
+            const auto bit = static_cast<uint32_t>(std::countr_zero(free));
+            heap_block_t* block = heap_block_at(w * HEAP_MARK_BITS + bit);
+            if (block != tail && f(block))
                 return;
         }
+        below = word >> (HEAP_MARK_BITS - 1);
+        word = above;
+    }
 }
 
+/// Written out so that it compiles without branches.
+uint32_t larger(uint32_t a, uint32_t b) { return a > b ? a : b; }
+
 uint32_t largest_child(uint32_t level, uint32_t node) {
-    const uint32_t* child = &maxima[LEVEL_START[level - 1] + node * FANOUT];
-    uint32_t largest = child[0];
-    for (uint32_t i = 1; i < FANOUT; ++i)
-        largest = std::max(largest, child[i]);
-    return largest;
+    const uint32_t* c = &maxima[LEVEL_START[level - 1] + node * FANOUT];
+    return larger(larger(larger(c[0], c[1]), larger(c[2], c[3])),
+                  larger(larger(c[4], c[5]), larger(c[6], c[7])));
 }
 
 /// Sets a leaf and corrects its ancestors as far as they change.
@@ -103,54 +87,56 @@ void refresh_stretch(uint32_t stretch) REQUIRES(heap_lock) {
 }  // namespace
 
 void heap_index_reset() {
-    memset(marks, 0, sizeof marks);
+    memset(heap_marks, 0, sizeof heap_marks);
     memset(maxima, 0, sizeof maxima);
+    tail = nullptr;
 }
 
-void heap_index_put(heap_cell_t cell, bool free) {
-    set_mark(cell, true);
-    set_mark(cell + 1, free);
+void heap_index_enter(heap_block_t* block) {
+    if (block->next == nullptr) {
+        tail = block;
+        return;
+    }
+    const uint32_t stretch = heap_cell_of(block) / STRETCH_CELLS;
+    if (block->size > maxima[stretch])
+        set_maximum(stretch, block->size);
 }
 
-void heap_index_remove(heap_cell_t cell) {
-    set_mark(cell, false);
-    set_mark(cell + 1, false);
+void heap_index_leave(heap_cell_t cell, uint32_t size) {
+    const uint32_t stretch = cell / STRETCH_CELLS;
+    if (size >= maxima[stretch])
+        refresh_stretch(stretch);
 }
 
-void heap_index_refresh(heap_cell_t cell) { refresh_stretch(cell / STRETCH_CELLS); }
+heap_block_t* heap_index_tail() { return tail; }
 
-bool heap_index_has(heap_cell_t cell) {
-    return cell < CELLS && marked(cell) && (cell == 0 || !marked(cell - 1));
-}
-
-bool heap_index_free(heap_cell_t cell) { return marked(cell + 1); }
+void heap_index_set_tail(heap_block_t* block) { tail = block; }
 
 heap_cell_t heap_index_next(heap_cell_t cell) {
     const heap_cell_t from = cell + 2;
-    uint32_t w = from / WORD_BITS;
-    if (w >= WORDS)
-        return NO_CELL;
-    uint32_t word = marks[w] & (~0u << (from % WORD_BITS));
+    uint32_t w = from / HEAP_MARK_BITS;
+    uint32_t word = marks[w] & (~0u << (from % HEAP_MARK_BITS));
     while (word == 0) {
-        if (++w == WORDS)
+        if (++w >= HEAP_MARK_WORDS)
             return NO_CELL;
         word = marks[w];
     }
-    return w * WORD_BITS + static_cast<uint32_t>(std::countr_zero(word));
+    return w * HEAP_MARK_BITS + static_cast<uint32_t>(std::countr_zero(word));
 }
 
 heap_cell_t heap_index_prev(heap_cell_t cell) {
     if (cell == 0)
         return NO_CELL;
-    uint32_t w = (cell - 1) / WORD_BITS;
-    uint32_t word = marks[w] & (~0u >> (WORD_BITS - 1 - (cell - 1) % WORD_BITS));
+    uint32_t w = (cell - 1) / HEAP_MARK_BITS;
+    const uint32_t unwanted = HEAP_MARK_BITS - 1 - (cell - 1) % HEAP_MARK_BITS;
+    uint32_t word = marks[w] & (~0u >> unwanted);
     while (word == 0) {
         if (w-- == 0)
             return NO_CELL;
         word = marks[w];
     }
-    const heap_cell_t last = w * WORD_BITS + static_cast<uint32_t>(std::bit_width(word)) - 1;
-    return last != 0 && marked(last - 1) ? last - 1 : last;
+    const heap_cell_t last = w * HEAP_MARK_BITS + static_cast<uint32_t>(std::bit_width(word)) - 1;
+    return (heap_marks_around(last) & 1) != 0 ? last - 1 : last;
 }
 
 bool heap_index_find(uint32_t size, uint32_t* stretch) {
@@ -178,7 +164,7 @@ heap_block_t* heap_index_scan(uint32_t stretch, uint32_t size) {
     return found;
 }
 
-void heap_index_visit_free(uint32_t stretch, void (*visit)(heap_block_t*, void*), void* ctx) {
+void heap_index_visit(uint32_t stretch, void (*visit)(heap_block_t*, void*), void* ctx) {
     each_free(stretch, [&](heap_block_t* block) {
         visit(block, ctx);
         return false;
