@@ -81,7 +81,7 @@ void ensure_sound(heap_block_t* block, damage_t& damage) REQUIRES(heap_lock) {
     block->next = next == NO_CELL ? nullptr : heap_block_at(next);
 }
 
-/// The block before `block`, sound; null for the first.
+/// The block before `block`; null for the first.
 heap_block_t* previous_block(heap_block_t* block, damage_t& damage) REQUIRES(heap_lock) {
     const heap_cell_t cell = heap_cell_of(block);
     if (cell == 0) {
@@ -98,9 +98,7 @@ heap_block_t* previous_block(heap_block_t* block, damage_t& damage) REQUIRES(hea
             damage.note(block);
         block->prev = prev & NO_CELL;
     }
-    heap_block_t* prev = heap_block_at(block->prev);
-    ensure_sound(prev, damage);
-    return prev;
+    return heap_block_at(block->prev);
 }
 
 void repair_visited(heap_block_t* block, void* damage) NO_THREAD_SAFETY_ANALYSIS {
@@ -180,6 +178,7 @@ void release(heap_block_t* block, damage_t& damage) REQUIRES(heap_lock) {
     }
     heap_block_t* prev = previous_block(block, damage);
     if (prev != nullptr && heap_index_free(heap_cell_of(prev))) {
+        ensure_sound(prev, damage);
         prev_size = prev->size;
         absorb(prev, block);
         block = prev;
@@ -306,16 +305,15 @@ void report_freed(const void* ptr, const free_report_t& report, void* caller) {
 }  // namespace
 
 bool heap_block_sound(const heap_block_t* block) {
-    const heap_cell_t cell = heap_cell_of(block);
     const uint32_t room = heap_state.end - data_of(block);
-    if (block->free != (heap_index_free(cell) ? 1u : 0u))
+    const uint32_t size = block->size;
+    if (size > room || block->free != (heap_index_free(heap_cell_of(block)) ? 1u : 0u))
         return false;
-    if (block->size > room || block->size % HEAP_GRAIN != 0)
-        return false;
-    if (block->size == room)
+    if (size == room)
         return block->next == nullptr;
-    const uint32_t next = data_of(block) + block->size;
-    return heap_address(block->next) == next && heap_index_has(heap_cell_of(block->next));
+    const uint32_t next = data_of(block) + size;
+    return heap_address(block->next) == next && next % HEAP_GRAIN == 0 &&
+           heap_index_has(heap_cell_of(block->next));
 }
 
 void heap_init(void) {

@@ -29,20 +29,19 @@ heap_block_t* tail;
 /// Calls f(block) for the entered blocks of a stretch in address order until it returns true.
 template <typename F>
 void each_free(uint32_t stretch, F f) REQUIRES(heap_lock) {
-    const uint32_t first = stretch * STRETCH_WORDS;
-    uint32_t below = marks[static_cast<int32_t>(first) - 1] >> (HEAP_MARK_BITS - 1);
-    uint32_t word = marks[first];
-    for (uint32_t w = first; w < first + STRETCH_WORDS; ++w) {
-        const uint32_t above = marks[w + 1];
-        const uint32_t headers = word & ~(word << 1 | below);
-        uint32_t free = headers & (word >> 1 | above << (HEAP_MARK_BITS - 1));
+    const uint32_t* end = marks + (stretch + 1) * STRETCH_WORDS;
+    uint32_t word = *(end - STRETCH_WORDS);
+    for (const uint32_t* at = end - STRETCH_WORDS; at != end; ++at) {
+        const uint32_t above = at[1];
+        // Two marks in a row: the first is the header's, the second says that it is free.
+        uint32_t free = word & (word >> 1 | above << (HEAP_MARK_BITS - 1));
         for (; free != 0; free &= free - 1) {
+            const auto word_cell = static_cast<heap_cell_t>(at - marks) * HEAP_MARK_BITS;
             const auto bit = static_cast<uint32_t>(std::countr_zero(free));
-            heap_block_t* block = heap_block_at(w * HEAP_MARK_BITS + bit);
+            heap_block_t* block = heap_block_at(word_cell + bit);
             if (block != tail && f(block))
                 return;
         }
-        below = word >> (HEAP_MARK_BITS - 1);
         word = above;
     }
 }
