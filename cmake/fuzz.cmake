@@ -32,3 +32,7 @@ endfunction()
 file(GLOB VORN_STRING_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/kernel/core/string/*.cpp)
 vorn_fuzz(format ${VORN_STRING_SOURCES})
 vorn_fuzz(parse ${VORN_STRING_SOURCES})
+vorn_fuzz(line ${VORN_STRING_SOURCES}
+  ${CMAKE_SOURCE_DIR}/kernel/drivers/keymap.cpp ${CMAKE_SOURCE_DIR}/kernel/drivers/serial_keys.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/apps/shell/history.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/apps/shell/line_editor.cpp)

@@ -74,7 +74,7 @@ test_fuzz() {
         [[ -x $target && $name == *"$filter"* ]] || continue
         log=$logs/$name.log
         if child timeout --foreground 120 "$target" -max_total_time="$VORN_FUZZ_SECONDS" -seed=1 \
-            -max_len=4096 -artifact_prefix="$logs/$name-" >"$log" 2>&1; then
+            -max_len=4096 -len_control=0 -artifact_prefix="$logs/$name-" >"$log" 2>&1; then
             ok=$((ok + 1))
         else
             bad=$((bad + 1))
