@@ -1,0 +1,241 @@
+#include "kernel/drivers/keyboard.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "arch/x86/switch.h"
+#include "kernel/core/kprintf.h"
+#include "kernel/core/task.h"
+#include "kernel/graph/causal.h"
+#include "tests/machine/input.h"
+#include "tests/machine/memory.h"
+
+namespace {
+
+constexpr uint8_t CTRL = 0x1D, SHIFT = 0x2A, CAPS = 0x3A, KEY_A = 0x1E, UP = 0x80;
+
+std::string received;
+
+void read_three_keys() {
+    for (int i = 0; i < 3; ++i)
+        received += keyboard_getchar();
+}
+
+class Keyboard : public ::testing::Test {
+protected:
+    input_ports ports;
+
+    void SetUp() override {
+        machine_reset();
+        machine_boot_memory();
+        fake_switch_reset();
+        machine().log_ports = false;
+        interrupt_init();
+        task_init();
+        causal_init();
+        ports.attach();
+        keyboard_init();
+        received.clear();
+    }
+    /// All keys that wait, without blocking for more.
+    static std::string keys() {
+        std::string all;
+        while (keyboard_has_input())
+            all += keyboard_getchar();
+        return all;
+    }
+};
+
+TEST_F(Keyboard, SetUpEnablesFirstPortItsInterruptAndTranslation) {
+    EXPECT_EQ(ports.config, 0x61);
+    EXPECT_EQ(ports.serial_interrupts, 1);
+    EXPECT_TRUE(ports.keys.empty());
+}
+
+TEST_F(Keyboard, SurvivesMissingDevices) {
+    machine_reset();
+    keyboard_init();
+    keyboard_flush();
+    EXPECT_FALSE(keyboard_has_input());
+    EXPECT_EQ(keyboard_poll_scancode(), -1);
+    registers_t regs = {};
+    kb_irq_handler(&regs);
+    serial_irq_handler(&regs);
+    EXPECT_FALSE(keyboard_has_input());
+}
+
+TEST_F(Keyboard, AnswersTheUsLayout) {
+    std::string plain, shifted;
+    for (uint8_t code = 1; code < 0x54; ++code) {
+        if (code == CTRL || code == SHIFT || code == 0x36 || code == CAPS)
+            continue;
+        ports.press({code, static_cast<uint8_t>(code | UP)});
+        plain += keys();
+        ports.press({0x36, code, 0xB6});
+        shifted += keys();
+    }
+    EXPECT_EQ(plain,
+              "\x1b"
+              "1234567890-=\b\tqwertyuiop[]\nasdfghjkl;'`\\zxcvbnm,./* ");
+    EXPECT_EQ(shifted, "\x1b!@#$%^&*()_+\b\tQWERTYUIOP{}\nASDFGHJKL:\"~|ZXCVBNM<>?* ");
+}
+
+TEST_F(Keyboard, CombinesCtrlShiftAndCapsLock) {
+    const struct {
+        bool ctrl, shift, caps;
+        char letter;
+    } cases[] = {
+        {false, false, false, 'a'}, {false, true, false, 'A'}, {false, false, true, 'A'},
+        {false, true, true, 'a'},   {true, false, false, 1},   {true, true, false, 'A'},
+        {true, false, true, 1},     {true, true, true, 1},
+    };
+    for (const auto& c : cases) {
+        keyboard_init();
+        if (c.caps)
+            ports.press({CAPS, CAPS | UP});
+        if (c.ctrl)
+            ports.press({CTRL});
+        if (c.shift)
+            ports.press({SHIFT});
+        ports.press({KEY_A, 0x02});
+        EXPECT_EQ(keys(), std::string(1, c.letter) + (c.shift ? '!' : '1'))
+            << c.ctrl << c.shift << c.caps;
+    }
+}
+
+TEST_F(Keyboard, ExtendedKeysGiveCodesAndTouchNoModifier) {
+    const uint32_t events = causal_total_events();
+    ports.press({0xE0, 0x47, 0xE0, 0x48, 0xE0, 0x49, 0xE0, 0x4B, 0xE0, 0x4D});
+    ports.press({0xE0, 0x4F, 0xE0, 0x50, 0xE0, 0x51, 0xE0, 0x53});
+    EXPECT_EQ(keys(), "\x84\x80\x87\x82\x83\x85\x81\x88\x86");
+    ports.press({0xE0, 0x52, 0xE0, CTRL, 0xE0, 0x1C, 0xE0, 0x48});  // Insert, right Ctrl, Enter
+    EXPECT_EQ(keys(), "\x80");
+    EXPECT_EQ(causal_total_events(), events);
+    ports.press({SHIFT, 0xE0, SHIFT | UP, KEY_A, SHIFT | UP, 0x45, 0x46, KEY_A});
+    EXPECT_EQ(keys(), "Aa");
+}
+
+TEST_F(Keyboard, RingsDropTheNewest) {
+    ports.press({0x30});
+    for (int i = 1; i < 255; ++i)
+        ports.press({KEY_A});
+    const uint32_t events = causal_total_events();
+    ports.press({0x10});
+    EXPECT_EQ(causal_total_events(), events);  // a dropped key did not happen
+    EXPECT_EQ(keys(), "b" + std::string(254, 'a'));
+    int scancodes = 0;
+    while (keyboard_poll_scancode() >= 0)
+        ++scancodes;
+    EXPECT_EQ(scancodes, 63);
+}
+
+TEST_F(Keyboard, RawScancodesAreKeptInjectedPolledAndFlushed) {
+    ports.press({0xE0, 0x48, 0xC8});
+    keyboard_inject_scancode(0x77);
+    for (const int expected : {0xE0, 0x48, 0xC8, 0x77, -1})
+        EXPECT_EQ(keyboard_poll_scancode(), expected);
+    keyboard_flush();
+    ports.keys = {KEY_A};  // polled before its interrupt arrives
+    EXPECT_EQ(keyboard_poll_scancode(), KEY_A);
+    input_ports::interrupt(1);
+    EXPECT_EQ(keys(), "a");
+    ports.press({KEY_A});
+    ports.keys = {1, 2, 3};
+    keyboard_flush();
+    EXPECT_TRUE(ports.keys.empty());
+    EXPECT_EQ(keyboard_poll_scancode(), -1);
+    EXPECT_FALSE(keyboard_has_input());
+}
+
+TEST_F(Keyboard, SuppressionReachesBothRings) {
+    keyboard_suppress(true);
+    ports.press({KEY_A, SHIFT});
+    EXPECT_EQ(keyboard_poll_scancode(), -1);
+    keyboard_suppress(false);
+    ports.press({KEY_A});
+    EXPECT_EQ(keys(), "a");
+}
+
+TEST_F(Keyboard, ParsesTheSerialLine) {
+    const struct {
+        std::string_view bytes, expected;
+    } cases[] = {
+        {"\x1b[A\x1b[B\x1b[C\x1b[D\x1b[H\x1b[F", "\x80\x81\x83\x82\x84\x85"},
+        {"\x1b[3~x", "\x86x"},
+        {"\x1b[3x", "\x86x"},
+        {"\x1b[3\x1b[A", "\x86\x80"},
+        {"~\x1bx\x1b[Z~", "~x~"},
+        {"\r\x7f\b\t\n", "\n\b\b\t\n"},
+        {"\x1b\r", "\n"},
+    };
+    for (const auto& c : cases) {
+        ports.type(c.bytes);
+        EXPECT_EQ(keys(), c.expected);
+        for (const char byte : c.bytes)  // the same, cut at each byte
+            ports.type({&byte, 1});
+        EXPECT_EQ(keys(), c.expected);
+    }
+    ports.type(std::string_view("a\0b", 3));
+    EXPECT_EQ(keys(), "ab");
+}
+
+TEST_F(Keyboard, ABurstBeyondTheBoundRaisesTheLineAgain) {
+    ports.type(std::string(300, 'x'));
+    EXPECT_EQ(ports.serial.size(), 44u);
+    EXPECT_EQ(ports.line_raised, 1);
+    EXPECT_EQ(ports.serial_interrupts, 1);
+}
+
+TEST_F(Keyboard, ATaskBlocksUntilAKeyComesAndStandsBehindIt) {
+    fake_switch.coroutines = true;
+    task_t* reader = task_create("reader", read_three_keys, 2);
+    task_t* other = task_create("other", read_three_keys, 2);
+    sched_start();
+    schedule();
+    EXPECT_EQ(reader->state, TASK_BLOCKED);
+    EXPECT_TRUE(other->waiting_for_input);
+    ports.press({KEY_A});
+    EXPECT_FALSE(reader->waiting_for_input);
+    EXPECT_EQ(reader->state, TASK_READY);
+    EXPECT_EQ(other->state, TASK_READY);
+
+    // The key is a root; the wake-up joins it with what the task did before.
+    const causal_event_t* wake = causal_get(reader->causal_ctx);
+    const std::string unblock = "unblock pid=" + std::to_string(reader->pid) + " reason=input";
+    EXPECT_EQ(wake->desc, unblock);
+    ASSERT_EQ(wake->num_parents, 2);
+    const causal_event_t* key = causal_get(std::max(wake->parents[0], wake->parents[1]));
+    EXPECT_STREQ(key->desc, "key pressed scancode=0x1e");
+    EXPECT_STREQ(key->subsystem, "keyboard");
+    EXPECT_EQ(key->type, CAUSAL_IO);
+    EXPECT_EQ(key->num_parents, 0);
+
+    schedule();
+    EXPECT_EQ(received, "a");  // one got it, both wait again
+    EXPECT_TRUE(reader->waiting_for_input);
+    EXPECT_TRUE(other->waiting_for_input);
+    const uint32_t events = causal_total_events();
+    ports.type("bcdef");
+    EXPECT_EQ(causal_total_events(), events + 2);  // two wake-ups, no key
+    schedule();
+    EXPECT_EQ(received, "abcdef");
+}
+
+TEST_F(Keyboard, RandomInputDoesNoHarm) {
+    const uint32_t seed = std::random_device{}();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    for (int i = 0; i < 10000; ++i) {
+        const auto byte = static_cast<char>(random());
+        ports.press({static_cast<uint8_t>(random())});
+        ports.type(random() % 4 == 0 ? std::string_view("\x1b[3") : std::string_view(&byte, 1));
+        if (random() % 8 == 0)
+            keys();
+    }
+    keys();
+    ports.type("~~\n");
+    EXPECT_EQ(keys().back(), '\n');
+}
+
+}  // namespace
