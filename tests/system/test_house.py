@@ -128,6 +128,8 @@ NESTED = "".join(f"{'    ' * n}if (a > {n}) {{\n" for n in range(1, 5))
 FAULTS = [
     ("includes-point-down", "kernel/core/low.h", '#pragma once\n#include "kernel/apps/top.h"\n'),
     ("no-include-cycles", "kernel/apps/top.h", '#pragma once\n#include "kernel/apps/top2.h"\n'),
+    ("masking-is-a-scope", "kernel/core/a.cpp", "void f() { cpu_cli(); }\n"),
+    ("hardware-stays-low", "kernel/core/a.cpp", 'void f() { asm volatile("hlt"); }\n'),
     ("line-length", "kernel/core/a.cpp", "//" + " x" * 50 + "\n"),
     ("function-length", "kernel/core/a.cpp", "void f() {\n" + "    f();\n" * 70 + "}\n"),
     ("words", "kernel/core/a.cpp", "// TO" "DO\n"),

@@ -16,6 +16,8 @@ def all_checks(tree, context):
     return (
         ("includes-point-down", lambda: text_checks.check_floors(tree)),
         ("no-include-cycles", lambda: text_checks.check_cycles(tree)),
+        ("masking-is-a-scope", lambda: text_checks.check_masking(tree)),
+        ("hardware-stays-low", lambda: text_checks.check_hardware(tree)),
         ("line-length", lambda: text_checks.check_columns(tree)),
         ("function-length", lambda: text_checks.check_functions(tree)),
         ("words", lambda: text_checks.check_words(tree)),

@@ -21,6 +21,22 @@ FLOORS = (
 # The machine's own sources may use what describes the compiler, the base's hooks and the image.
 MACHINE_MAY_USE = re.compile(r"kernel/core/")
 
+# Who may mask interrupts by hand; everybody else uses a guard of kernel/core/guards.h.
+MASKING = re.compile(r"\bcpu_(cli|sti)\(")
+MAY_MASK = (
+    "kernel/core/guards.h",
+    "kernel/core/main.cpp",           # interrupts go on, once
+    "kernel/core/task/schedule.cpp",  # a new task begins with interrupts on
+    "kernel/core/assert.cpp",         # for good
+    "kernel/apps/surgeon.cpp",        # for good
+)
+
+# Who may touch ports and write instructions; an empty instruction only orders the compiler.
+HARDWARE = re.compile(r"\b(in|out)[bwl]\(|\basm\b(?! volatile\(\"\")(?!\(\"\")")
+MAY_TOUCH_HARDWARE = re.compile(
+    r"arch/|kernel/drivers/|kernel/core/(interrupt|x86|smp|task)|kernel/apps/surgeon"
+    r"|kernel/core/(string|noise)/")  # instructions that C++ cannot say, no devices
+
 # Markers of unfinished work, and words about how the code came about instead of what it is.
 # Published standards may be named.
 UNWANTED = re.compile(
@@ -59,6 +75,25 @@ def check_cycles(tree):
         for name in tree.includes(path):
             if path in tree.closure(name):
                 yield f"{path}: is included again by its own {name}"
+
+
+def lines_with(tree, pattern, is_allowed):
+    """The kernel's lines that match `pattern`, outside the files that may have them."""
+    for path in tree.select(".h", ".cpp", under="kernel/"):
+        if not is_allowed(path):
+            for number, line in enumerate(tree.text(path).splitlines(), 1):
+                if pattern.search(line.split("//")[0]):
+                    yield f"{path}:{number}: {line.strip()}"
+
+
+def check_masking(tree):
+    """Interrupts are masked by scopes."""
+    yield from lines_with(tree, MASKING, lambda path: path in MAY_MASK)
+
+
+def check_hardware(tree):
+    """Ports and instructions stay low."""
+    yield from lines_with(tree, HARDWARE, MAY_TOUCH_HARDWARE.match)
 
 
 def check_columns(tree):
