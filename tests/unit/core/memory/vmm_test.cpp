@@ -66,7 +66,7 @@ TEST_F(Vmm, UserDirectoriesShareTheKernelAndGiveBackOnlyTheirOwn) {
     EXPECT_EQ(entry(dir, 0xF0000000), 0xFEE00003);
     EXPECT_EQ(machine().invalidated.size(), 2u);
 
-    dir[1] |= ACCESSED;  // what the processor does to the copy it walks
+    dir[0xF0000000 >> 22] |= ACCESSED;  // what the processor does to the copy it walks
     vmm_switch_dir(dir);
     EXPECT_EQ(machine().cr3, address(dir));
     vmm_switch_dir(vmm_get_kernel_dir());
