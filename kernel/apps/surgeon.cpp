@@ -36,15 +36,15 @@ constexpr uint16_t PS2_STATUS = 0x64;
 constexpr uint8_t PS2_RECEIVED = 0x01;
 constexpr uint8_t PS2_FROM_MOUSE = 0x20;
 constexpr uint8_t NO_DEVICE = 0xFF;
-constexpr uint8_t SCANCODE_EXTENDED = 0xE0;
 
-// Scan code set 1 without shift, which no command needs: the key of '/' counts as '?'.
+// Scan code set 1 without shift, which no command needs: the key of '/' counts as '?'. Behind the
+// prefix E0 the keypad's Enter and '/' have the codes of their twins, the rest have no character.
 constexpr char KEYS[] =
     "\0\0"
     "1234567890-=\b\0"
     "qwertyuiop[]\n\0"
     "asdfghjkl;'`\0\\"
-    "zxcvbnm,.?\0*\0 ";
+    "zxcvbnm,.?\0\0\0 ";
 static_assert(KEYS[0x0E] == '\b' && KEYS[0x1C] == '\n' && KEYS[0x32] == 'm' && KEYS[0x39] == ' ');
 
 struct inspector_t {
@@ -53,7 +53,6 @@ struct inspector_t {
     registers_t* regs;
     uint32_t cr2;
     uint32_t next_dump;
-    bool extended_key;
 };
 inspector_t state;
 
@@ -320,9 +319,7 @@ char poll_keyboard() {
     const uint8_t code = inb(PS2_DATA);
     if ((status & PS2_FROM_MOUSE) != 0)
         return '\0';
-    const bool extended = state.extended_key;
-    state.extended_key = code == SCANCODE_EXTENDED;
-    return extended || code >= sizeof KEYS ? '\0' : KEYS[code];
+    return code < sizeof KEYS ? KEYS[code] : '\0';
 }
 
 char wait_key() {
