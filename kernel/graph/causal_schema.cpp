@@ -98,73 +98,68 @@ topic_t topic_of_subsystem(const char s[CAUSAL_SUBSYSTEM_SIZE]) {
     return s[0] == 't' && s[1] == 'l' && ends(2) ? TOPIC_TIMELINE : TOPIC_OTHER;
 }
 
-bool starts_with(const char* text, const char* start) {
-    for (; *start != '\0'; text++, start++) {
-        if (*text != *start)
-            return false;
-    }
-    return true;
-}
-
 constexpr uint32_t LOW_BITS = 0x01010101;
 constexpr uint32_t HIGH_BITS = 0x80808080;
 
-/// Bit 7 of each byte of `word` that is `c`, and perhaps of some that are not.
-inline uint32_t maybe(uint32_t word, char c) {
-    return ((word ^ static_cast<uint8_t>(c) * LOW_BITS) - LOW_BITS) & HIGH_BITS;
+/// A description: `len` characters in a zero-filled field of CAUSAL_DESC_SIZE bytes.
+struct desc_t {
+    const char* text;
+    uint32_t len;
+};
+
+/// Whether `word` stands at `at`.
+template <uint32_t size>
+[[gnu::always_inline]] inline bool stands_at(const desc_t& desc, uint32_t at,
+                                             const char (&word)[size]) {
+    return at + size - 1 <= desc.len && __builtin_memcmp(desc.text + at, word, size - 1) == 0;
 }
 
-/// Whether `word` stands in `desc` with its letter number `letter` at `at`.
-inline bool word_around(const char* desc, uint32_t at, uint32_t letter, const char* word) {
-    return at >= letter && starts_with(desc + at - letter, word);
+/// Bit 7 of each byte of `bits` that is `c`, and perhaps of some that are not.
+inline uint32_t maybe(uint32_t bits, char c) {
+    return ((bits ^ static_cast<uint8_t>(c) * LOW_BITS) - LOW_BITS) & HIGH_BITS;
 }
 
-/// Runs `look` at each character that is perhaps one of `letters`, until it answers true. Every
-/// event of the scheduler and the file systems is read here, so this goes by words.
-template <typename look_fn, typename... letter_t>
-void scan(const char* desc, uint32_t len, look_fn look, letter_t... letters) {
-    for (uint32_t from = 0; from < len; from += 4) {
-        const uint32_t word = word_at(desc, from / 4);
-        for (uint32_t hits = (maybe(word, letters) | ...); hits != 0; hits &= hits - 1) {
-            const uint32_t at = from + static_cast<uint32_t>(__builtin_ctz(hits)) / 8;
-            if (at < len && look(at))
-                return;
+/// Whether `word` stands anywhere. Every event of the scheduler and the file systems is searched,
+/// so this goes by eight bytes, looking for letter number `letter`: a rare one is a good choice.
+template <uint32_t letter, uint32_t size>
+[[gnu::always_inline]] inline bool contains(const desc_t& desc, const char (&word)[size]) {
+    for (uint32_t from = 0; from < desc.len; from += 8) {
+        const uint32_t first = maybe(word_at(desc.text + from, 0), word[letter]);
+        const uint32_t second = maybe(word_at(desc.text + from, 1), word[letter]);
+        if ((first | second) == 0)
+            continue;
+        // Bit 7 of each byte marks the first four characters, bit 6 the second four.
+        for (uint32_t marks = first | second >> 1; marks != 0; marks &= marks - 1) {
+            const auto bit = static_cast<uint32_t>(__builtin_ctz(marks));
+            const uint32_t at = from + bit / 8 + (bit % 2 == 0 ? 4 : 0);
+            if (at >= letter && stands_at(desc, at - letter, word))
+                return true;
         }
     }
+    return false;
 }
+static_assert(CAUSAL_DESC_SIZE % 8 == 0);
 
-uint16_t infer_sched(const char* desc, uint32_t len) {
-    uint16_t found = CAUSAL_SCHEMA_LEGACY_TEXT;
-    const auto look = [desc, &found](uint32_t at) {
-        if (word_around(desc, at, 1, "exit"))
-            found = CAUSAL_SCHEMA_TASK_EXIT;
-        if (word_around(desc, at, 0, "create"))
-            found = CAUSAL_SCHEMA_TASK_CREATE;
-        return found == CAUSAL_SCHEMA_TASK_CREATE;
-    };
-    scan(desc, len, look, 'c', 'x');
-    return found;
-}
-
-uint16_t infer_fs(const char* desc, uint32_t len) {
-    uint16_t found = CAUSAL_SCHEMA_LEGACY_TEXT;
-    const auto look = [desc, &found](uint32_t at) {
-        if (word_around(desc, at, 0, "write") || word_around(desc, at, 1, "append"))
-            found = CAUSAL_SCHEMA_FS_WRITE;
-        if (word_around(desc, at, 0, "create"))
-            found = CAUSAL_SCHEMA_FS_CREATE;
-        return found == CAUSAL_SCHEMA_FS_CREATE;
-    };
-    scan(desc, len, look, 'c', 'w', 'p');
-    return found;
-}
-
-uint16_t infer_actor(const char* desc) {
-    if (starts_with(desc, "recv ") || strstr(desc, "recv name=") != nullptr)
+uint16_t infer_actor(const desc_t& desc) {
+    if (stands_at(desc, 0, "recv ") || contains<3>(desc, "recv name="))
         return CAUSAL_SCHEMA_ACTOR_RECV;
-    if (starts_with(desc, "send ") || starts_with(desc, "remote send "))
+    if (stands_at(desc, 0, "send ") || stands_at(desc, 0, "remote send "))
         return CAUSAL_SCHEMA_ACTOR_SEND;
     return CAUSAL_SCHEMA_LEGACY_TEXT;
+}
+
+uint16_t infer_fs(const desc_t& desc) {
+    if (contains<0>(desc, "create"))
+        return CAUSAL_SCHEMA_FS_CREATE;
+    if (contains<0>(desc, "write") || contains<1>(desc, "append"))
+        return CAUSAL_SCHEMA_FS_WRITE;
+    return CAUSAL_SCHEMA_LEGACY_TEXT;
+}
+
+uint16_t infer_sched(const desc_t& desc) {
+    if (contains<0>(desc, "create"))
+        return CAUSAL_SCHEMA_TASK_CREATE;
+    return contains<1>(desc, "exit") ? CAUSAL_SCHEMA_TASK_EXIT : CAUSAL_SCHEMA_LEGACY_TEXT;
 }
 
 }  // namespace
@@ -189,36 +184,28 @@ const causal_schema_def_t& causal_schema_infer(uint32_t type, const char* subsys
                                                const char* desc, uint32_t desc_len) {
     const topic_t of_type = type < CAUSAL_TYPE_COUNT ? TOPIC_OF_TYPE[type] : TOPIC_OTHER;
     const topic_t of_subsystem = topic_of_subsystem(subsystem);
-    uint16_t id = CAUSAL_SCHEMA_LEGACY_TEXT;
+    const desc_t text = {desc, desc_len};
     switch (of_type < of_subsystem ? of_type : of_subsystem) {
         case TOPIC_SYSCALL:
-            id = CAUSAL_SCHEMA_SYSCALL;
-            break;
+            return SCHEMAS[CAUSAL_SCHEMA_SYSCALL];
         case TOPIC_ACTOR:
-            id = infer_actor(desc);
-            break;
+            return SCHEMAS[infer_actor(text)];
         case TOPIC_FS:
-            id = infer_fs(desc, desc_len);
-            break;
+            return SCHEMAS[infer_fs(text)];
         case TOPIC_NET:
-            id = CAUSAL_SCHEMA_NET_PACKET;
-            break;
+            return SCHEMAS[CAUSAL_SCHEMA_NET_PACKET];
         case TOPIC_MESH:
-            id = CAUSAL_SCHEMA_MESH_PEER;
-            break;
+            return SCHEMAS[CAUSAL_SCHEMA_MESH_PEER];
         case TOPIC_TIMELINE:
-            id = CAUSAL_SCHEMA_TIMELINE_EVENT;
-            break;
+            return SCHEMAS[CAUSAL_SCHEMA_TIMELINE_EVENT];
         case TOPIC_CAP:
-            id = CAUSAL_SCHEMA_CAP_GRANT;
-            break;
+            return SCHEMAS[CAUSAL_SCHEMA_CAP_GRANT];
         case TOPIC_SCHED:
-            id = infer_sched(desc, desc_len);
-            break;
+            return SCHEMAS[infer_sched(text)];
         case TOPIC_OTHER:
             break;
     }
-    return SCHEMAS[id];
+    return SCHEMAS[CAUSAL_SCHEMA_LEGACY_TEXT];
 }
 
 void causal_event_assign_schema(causal_event_t* ev) {
