@@ -32,10 +32,13 @@ constexpr int ANSI_FOREGROUND = 30;
 constexpr int ANSI_BACKGROUND = 40;
 constexpr int ANSI_BRIGHT = 60;
 
+/// The console alone writes the text screen, so `cells` always holds what the screen's memory does:
+/// device memory is slow, and slower to read than to write.
 struct screen_t {
     int x;  ///< the cursor's column and row; anything, after console_set_cursor
     int y;
-    uint8_t color;  ///< background in the high nibble, foreground in the low one
+    uint8_t color;                  ///< background in the high nibble, foreground in the low one
+    uint32_t cells[VGA_CELLS / 2];  ///< two cells a word
 };
 
 struct capture_t {
@@ -49,20 +52,19 @@ screen_t screen GUARDED_BY(irq_mask);
 capture_t capture GUARDED_BY(irq_mask);
 console_session_hook_fn session_hook;
 
-uint16_t blank_locked() REQUIRES(irq_mask) {
-    return static_cast<uint16_t>(screen.color << 8 | ' ');
-}
-
-void fill_locked(int first_cell, int cells) REQUIRES(irq_mask) {
-    const uint32_t blank = blank_locked();
-    cpu_fill_words(vga_text() + first_cell, blank << 16 | blank, static_cast<size_t>(cells) / 2);
+/// A word of two blanks in the present colour.
+uint32_t blanks_locked() REQUIRES(irq_mask) {
+    const uint32_t blank = static_cast<uint32_t>(screen.color) << 8 | ' ';
+    return blank << 16 | blank;
 }
 
 void put_cell_locked(char c) REQUIRES(irq_mask) {
     if (screen.x < 0 || screen.x >= VGA_COLUMNS || screen.y < 0 || screen.y >= VGA_ROWS)
         return;
-    vga_text()[screen.y * VGA_COLUMNS + screen.x] =
-        static_cast<uint16_t>(screen.color << 8 | static_cast<uint8_t>(c));
+    const int at = screen.y * VGA_COLUMNS + screen.x;
+    const auto cell = static_cast<uint16_t>(screen.color << 8 | static_cast<uint8_t>(c));
+    __builtin_memcpy(reinterpret_cast<uint8_t*>(screen.cells) + 2 * at, &cell, sizeof cell);
+    vga_text()[at] = cell;
 }
 
 void new_line_locked() REQUIRES(irq_mask) {
@@ -71,10 +73,18 @@ void new_line_locked() REQUIRES(irq_mask) {
         ++screen.y;
 }
 
+/// Moves every row up by one and blanks the last one; writes only the cells that change.
 void scroll_locked() REQUIRES(irq_mask) {
-    constexpr int KEPT = LAST_ROW * VGA_COLUMNS;
-    cpu_copy_words(vga_text(), vga_text() + VGA_COLUMNS, KEPT / 2);
-    fill_locked(KEPT, VGA_COLUMNS);
+    constexpr size_t WORDS = VGA_CELLS / 2;
+    constexpr size_t ROW = VGA_COLUMNS / 2;
+    const uint32_t blanks = blanks_locked();
+    for (size_t i = 0; i < WORDS; ++i) {
+        const uint32_t next = i + ROW < WORDS ? screen.cells[i + ROW] : blanks;
+        if (screen.cells[i] == next)
+            continue;
+        screen.cells[i] = next;
+        cpu_copy_words(vga_text() + 2 * i, &screen.cells[i], 1);
+    }
     screen.y = LAST_ROW;
 }
 
@@ -170,7 +180,7 @@ int ansi_color(uint8_t color, int base) {
 void console_init(void) {
     {
         irq_guard guard;
-        screen = {0, 0, CONSOLE_GREY};
+        screen.color = CONSOLE_GREY;
         capture = {};
         session_hook = nullptr;
     }
@@ -190,7 +200,8 @@ void console_force_local(void) {
 void console_clear(void) {
     send_to_session("\033[2J\033[H");
     irq_guard guard;
-    fill_locked(0, VGA_CELLS);
+    cpu_fill_words(screen.cells, blanks_locked(), VGA_CELLS / 2);
+    cpu_fill_words(vga_text(), blanks_locked(), VGA_CELLS / 2);
     screen.x = 0;
     screen.y = 0;
     move_hardware_cursor_locked();

@@ -1,5 +1,6 @@
 // The formatter. It stores at most size - 1 characters and checks every single write, so that a
-// full buffer cuts the text wherever it stands.
+// full buffer cuts the text wherever it stands. The writers take the next free place and the end,
+// which is kept for the terminator, and return the next free place.
 #include "kernel/core/string.h"
 
 namespace {
@@ -9,30 +10,43 @@ constexpr uint32_t MYRIAD = 10000;
 constexpr int MYRIAD_DIGITS = 4;
 constexpr int WIDTH_LIMIT = 1 << 20;  // far beyond any buffer; keeps the sum from overflowing
 
-/// Where the text goes: `at` never passes `end`, which is kept for the terminator.
-struct sink_t {
-    char* at;
-    char* end;
-
-    void put(char c) {
-        if (at < end)
-            *at++ = c;
-    }
-    void pad(char c, int count) {
-        for (; count > 0 && at < end; --count)
-            *at++ = c;
-    }
-    bool holds(int count) const { return end - at >= count; }
-};
-
 /// One conversion's flags, as parsed.
 struct conversion_t {
-    bool left = false;
-    bool wide = false;  ///< "ll"
-    char pad = ' ';
     int width = 0;
     int precision = -1;  ///< -1: none given
+    char pad = ' ';
+    bool left = false;
+    bool wide = false;  ///< "ll"
 };
+
+/// The arguments of one call; a struct, so that its address can be passed on.
+struct arguments_t {
+    va_list ap;
+};
+
+// What carries noinline stays apart from its callers so that its loop stays in registers.
+
+[[gnu::noinline]] char* put_pad(char* at, char* end, char c, int count) {
+    for (; count > 0 && at < end; --count)
+        *at++ = c;
+    return at;
+}
+
+[[gnu::noinline]] char* put_bytes(char* at, char* end, const char* from, int count) {
+    char* const stop = end - at < count ? end : at + count;
+    while (at < stop)
+        *at++ = *from++;
+    return at;
+}
+
+/// Copies what stands before the next conversion and moves `*fmt` there.
+[[gnu::noinline]] char* put_plain(char* at, char* end, const char** fmt) {
+    const char* from = *fmt;
+    while (at < end && *from != '%' && *from != '\0')
+        *at++ = *from++;
+    *fmt = from;
+    return at;
+}
 
 /// Writes `value`'s decimal digits below `to`, least significant last; returns the first.
 char* decimal_digits(uint32_t value, char* to) {
@@ -66,64 +80,99 @@ char* decimal_digits_wide(uint64_t value, char* to) {
     return decimal_digits(static_cast<uint32_t>(value), to);
 }
 
-char* hex_digits(uint64_t value, bool upper, char* to) {
-    const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+/// Padding, then the sign, then the digits; or digits and then spaces when left aligned.
+char* put_number(char* at, char* end, const conversion_t& c, bool negative, const char* first,
+                 const char* last) {
+    const int count = static_cast<int>(last - first);
+    const int padding = c.width - count - (negative ? 1 : 0);
+    if (padding > 0 && !c.left)
+        at = put_pad(at, end, c.pad, padding);
+    if (negative)
+        at = put_pad(at, end, '-', 1);
+    at = put_bytes(at, end, first, count);
+    return padding > 0 && c.left ? put_pad(at, end, ' ', padding) : at;
+}
+
+char* put_decimal(char* at, char* end, const conversion_t& c, uint32_t value, bool negative) {
+    char digits[10] = {};
+    char* last = digits + sizeof digits;
+    return put_number(at, end, c, negative, decimal_digits(value, last), last);
+}
+
+char* put_decimal_wide(char* at, char* end, const conversion_t& c, uint64_t value, bool negative) {
+    char digits[20] = {};
+    char* last = digits + sizeof digits;
+    return put_number(at, end, c, negative, decimal_digits_wide(value, last), last);
+}
+
+char* put_signed(char* at, char* end, const conversion_t& c, arguments_t& args) {
+    if (c.wide) {
+        const auto bits = va_arg(args.ap, uint64_t);
+        const bool negative = bits >> 63 != 0;
+        return put_decimal_wide(at, end, c, negative ? 0 - bits : bits, negative);
+    }
+    const auto bits = va_arg(args.ap, uint32_t);
+    const bool negative = bits >> 31 != 0;
+    return put_decimal(at, end, c, negative ? 0 - bits : bits, negative);
+}
+
+char* put_unsigned(char* at, char* end, const conversion_t& c, arguments_t& args) {
+    if (c.wide)
+        return put_decimal_wide(at, end, c, va_arg(args.ap, uint64_t), false);
+    return put_decimal(at, end, c, va_arg(args.ap, uint32_t), false);
+}
+
+char* put_hex(char* at, char* end, const conversion_t& c, uint64_t value, bool upper) {
+    const char* names = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+    char digits[16] = {};
+    char* last = digits + sizeof digits;
+    char* first = last;
     do {
-        *--to = digits[value & 15];
+        *--first = names[value & 15];
         value >>= 4;
     } while (value != 0);
-    return to;
+    return put_number(at, end, c, false, first, last);
 }
 
-/// Padding, then the sign, then the digits; or digits and then spaces when left aligned.
-void put_number(sink_t& out, const conversion_t& c, bool negative, const char* first,
-                const char* last) {
-    const int total = static_cast<int>(last - first) + (negative ? 1 : 0);
-    if (!c.left)
-        out.pad(c.pad, c.width - total);
-    if (negative)
-        out.put('-');
-    while (first < last)
-        out.put(*first++);
-    if (c.left)
-        out.pad(' ', c.width - total);
-}
-
-void put_decimal(sink_t& out, const conversion_t& c, uint64_t value, bool negative) {
-    char digits[20];
-    char* last = digits + sizeof digits;
-    put_number(out, c, negative, decimal_digits_wide(value, last), last);
-}
-
-void put_hex(sink_t& out, const conversion_t& c, uint64_t value, bool upper) {
-    char digits[16];
-    char* last = digits + sizeof digits;
-    put_number(out, c, false, hex_digits(value, upper, last), last);
-}
-
-void put_pointer(sink_t& out, uint32_t value) {
-    if (out.holds(3)) {
-        out.put('0');
-        out.put('x');
-    }
+char* put_pointer(char* at, char* end, uint32_t value) {
     conversion_t c;
     c.pad = '0';
     c.width = 8;
-    put_hex(out, c, value, false);
+    if (end - at > 2) {
+        *at++ = '0';
+        *at++ = 'x';
+    }
+    return put_hex(at, end, c, value, false);
 }
 
-void put_string(sink_t& out, const conversion_t& c, const char* s) {
+[[gnu::noinline]] char* put_whole(char* at, char* end, const char* s) {
+    while (at < end && *s != '\0')
+        *at++ = *s++;
+    return at;
+}
+
+char* put_string(char* at, char* end, const conversion_t& c, const char* s) {
     if (s == nullptr)
         s = "(null)";
+    if (c.width == 0 && c.precision < 0)
+        return put_whole(at, end, s);
     int length = 0;
-    while ((c.precision < 0 || length < c.precision) && s[length] != '\0')
+    while (length != c.precision && s[length] != '\0')
         ++length;
-    if (!c.left)
-        out.pad(' ', c.width - length);
-    for (int i = 0; i < length; ++i)
-        out.put(s[i]);
-    if (c.left)
-        out.pad(' ', c.width - length);
+    const int padding = c.width - length;
+    if (padding > 0 && !c.left)
+        at = put_pad(at, end, ' ', padding);
+    at = put_bytes(at, end, s, length);
+    return padding > 0 && c.left ? put_pad(at, end, ' ', padding) : at;
+}
+
+/// An unknown conversion stands as it was written, if it fits whole.
+char* put_unknown(char* at, char* end, char conversion) {
+    if (end - at < 2)
+        return at;
+    *at++ = '%';
+    *at++ = conversion;
+    return at;
 }
 
 int parse_count(const char** fmt) {
@@ -134,100 +183,84 @@ int parse_count(const char** fmt) {
     return count;
 }
 
-/// Reads flags, width, precision and length; leaves `fmt` at the conversion character.
-conversion_t parse_conversion(const char** fmt) {
-    conversion_t c;
-    if (**fmt == '-') {
-        c.left = true;
-        ++*fmt;
+/// Reads flags, width, precision and length; returns the conversion character's place.
+const char* parse_conversion(const char* fmt, conversion_t* c) {
+    if (*fmt == '-') {
+        c->left = true;
+        ++fmt;
     }
-    if (**fmt == '0') {
-        c.pad = '0';
-        ++*fmt;
+    if (*fmt == '0') {
+        c->pad = '0';
+        ++fmt;
     }
-    c.width = parse_count(fmt);
-    if (**fmt == '.') {
-        ++*fmt;
-        c.precision = parse_count(fmt);
-        if (c.precision > 0) {
-            c.width = c.precision;
-            c.pad = '0';
+    c->width = parse_count(&fmt);
+    if (*fmt == '.') {
+        ++fmt;
+        c->precision = parse_count(&fmt);
+        if (c->precision > 0) {
+            c->width = c->precision;
+            c->pad = '0';
         }
     }
-    if (**fmt == 'l') {
-        ++*fmt;
-        if (**fmt == 'l') {
-            c.wide = true;
-            ++*fmt;
-        }
+    if (*fmt == 'l') {
+        ++fmt;
+        c->wide = *fmt == 'l';
+        if (c->wide)
+            ++fmt;
     }
-    return c;
+    return fmt;
 }
 
-/// An unknown conversion stands as it was written, if it fits whole.
-void put_unknown(sink_t& out, char conversion) {
-    if (!out.holds(2))
-        return;
-    out.put('%');
-    out.put(conversion);
-}
-
-/// The arguments of one call; a struct, so that its address can be passed on.
-struct arguments_t {
-    va_list ap;
-
-    uint64_t next_unsigned(bool wide) { return wide ? va_arg(ap, uint64_t) : va_arg(ap, uint32_t); }
-    int64_t next_signed(bool wide) { return wide ? va_arg(ap, int64_t) : va_arg(ap, int32_t); }
-};
-
-void convert(sink_t& out, const conversion_t& c, char conversion, arguments_t& args) {
+char* convert(char* at, char* end, const conversion_t& c, char conversion, arguments_t& args) {
     switch (conversion) {
-        case '%':
-            return out.put('%');
-        case 'c':
-            return out.put(static_cast<char>(va_arg(args.ap, int)));
         case 'd':
-        case 'i': {
-            const int64_t value = args.next_signed(c.wide);
-            const auto bits = static_cast<uint64_t>(value);
-            return put_decimal(out, c, value < 0 ? 0 - bits : bits, value < 0);
-        }
+        case 'i':
+            return put_signed(at, end, c, args);
         case 'u':
-            return put_decimal(out, c, args.next_unsigned(c.wide), false);
+            return put_unsigned(at, end, c, args);
+        case 's':
+            return put_string(at, end, c, va_arg(args.ap, const char*));
         case 'x':
         case 'X':
-            return put_hex(out, c, args.next_unsigned(c.wide), conversion == 'X');
+            return put_hex(at, end, c,
+                           c.wide ? va_arg(args.ap, uint64_t) : va_arg(args.ap, uint32_t),
+                           conversion == 'X');
         case 'p':
-            return put_pointer(out, va_arg(args.ap, uint32_t));
-        case 's':
-            return put_string(out, c, va_arg(args.ap, const char*));
+            return put_pointer(at, end, va_arg(args.ap, uint32_t));
+        case 'c':
+            return put_pad(at, end, static_cast<char>(va_arg(args.ap, int)), 1);
+        case '%':
+            return put_pad(at, end, '%', 1);
         default:
-            return put_unknown(out, conversion);
+            return put_unknown(at, end, conversion);
     }
 }
 
 }  // namespace
 
 int kvsnprintf(char* buf, size_t size, const char* fmt, va_list ap) {
-    sink_t out = {buf, buf + size - 1};
+    char* at = buf;
+    char* const end = buf + size - 1;
     arguments_t args;
     va_copy(args.ap, ap);
-    while (*fmt != '\0' && out.at < out.end) {
-        if (*fmt != '%') {
-            *out.at++ = *fmt++;
-            continue;
-        }
+    for (;;) {
+        at = put_plain(at, end, &fmt);
+        if (*fmt == '\0' || at >= end)
+            break;
+        conversion_t c;
         ++fmt;
-        const conversion_t c = parse_conversion(&fmt);
+        // Flags, digits and the point stand before the letters.
+        if (*fmt < 'A' || *fmt == 'l')
+            fmt = parse_conversion(fmt, &c);
         if (*fmt == '\0') {
-            out.put('%');
+            *at++ = '%';
             break;
         }
-        convert(out, c, *fmt++, args);
+        at = convert(at, end, c, *fmt++, args);
     }
     va_end(args.ap);
-    *out.at = '\0';
-    return static_cast<int>(out.at - buf);
+    *at = '\0';
+    return static_cast<int>(at - buf);
 }
 
 int ksnprintf(char* buf, size_t size, const char* fmt, ...) {

@@ -1,5 +1,5 @@
-// Bulk copies and fills go by words through the processor's string instructions; short ones stay
-// in loops, because a REP instruction costs more to start than a few moves.
+// Bulk copies and fills go by words through the processor's string instructions; short ones use
+// plain moves, because a REP instruction costs more to start than a few of them.
 #include <stdint.h>
 
 #include "arch/x86/cpu.h"
@@ -15,6 +15,39 @@ typedef uint32_t loose_word __attribute__((aligned(1), may_alias));
 loose_word* word_at(uint8_t* at) { return reinterpret_cast<loose_word*>(at); }
 const loose_word* word_at(const uint8_t* at) { return reinterpret_cast<const loose_word*>(at); }
 
+/// Copies fewer than REP_FROM bytes upwards, by the bits of `n`.
+void copy_short(uint8_t* to, const uint8_t* from, size_t n) {
+    if ((n & 16) != 0) {
+        *word_at(to) = *word_at(from);
+        *word_at(to + 4) = *word_at(from + 4);
+        *word_at(to + 8) = *word_at(from + 8);
+        *word_at(to + 12) = *word_at(from + 12);
+        to += 16;
+        from += 16;
+    }
+    if ((n & 8) != 0) {
+        *word_at(to) = *word_at(from);
+        *word_at(to + 4) = *word_at(from + 4);
+        to += 8;
+        from += 8;
+    }
+    if ((n & 4) != 0) {
+        *word_at(to) = *word_at(from);
+        to += 4;
+        from += 4;
+    }
+    for (n &= 3; n > 0; --n)
+        *to++ = *from++;
+}
+
+/// Fills fewer than REP_FROM bytes.
+void fill_short(uint8_t* to, uint32_t word, size_t n) {
+    for (; n >= WORD; n -= WORD, to += WORD)
+        *word_at(to) = word;
+    for (; n > 0; --n)
+        *to++ = static_cast<uint8_t>(word);
+}
+
 /// Copies downwards, last byte first.
 void copy_backwards(uint8_t* to, const uint8_t* from, size_t n) {
     while (n >= WORD) {
@@ -29,34 +62,27 @@ void copy_backwards(uint8_t* to, const uint8_t* from, size_t n) {
 
 void* memset(void* s, int c, size_t n) {
     auto* to = static_cast<uint8_t*>(s);
-    const auto byte = static_cast<uint8_t>(c);
-    const uint32_t word = byte * 0x01010101u;
-    if (n >= REP_FROM) {
-        cpu_fill_words(to, word, n / WORD);
-        to += n / WORD * WORD;
-        n %= WORD;
+    const uint32_t word = static_cast<uint8_t>(c) * 0x01010101u;
+    if (n < REP_FROM) {
+        fill_short(to, word, n);
+        return s;
     }
-    for (; n >= WORD; n -= WORD, to += WORD)
-        *word_at(to) = word;
-    while (n-- > 0)
-        *to++ = byte;
+    cpu_fill_words(to, word, n / WORD);
+    // The last word may overlap what is filled already.
+    *word_at(to + n - WORD) = word;
     return s;
 }
 
 void* memcpy(void* dest, const void* src, size_t n) {
     auto* to = static_cast<uint8_t*>(dest);
     const auto* from = static_cast<const uint8_t*>(src);
-    if (n >= REP_FROM) {
-        const size_t words = n / WORD;
-        cpu_copy_words(to, from, words);
-        to += words * WORD;
-        from += words * WORD;
-        n %= WORD;
+    if (n < REP_FROM) {
+        copy_short(to, from, n);
+        return dest;
     }
-    for (; n >= WORD; n -= WORD, to += WORD, from += WORD)
-        *word_at(to) = *word_at(from);
-    while (n-- > 0)
-        *to++ = *from++;
+    cpu_copy_words(to, from, n / WORD);
+    for (size_t i = n & ~(WORD - 1); i < n; ++i)
+        to[i] = from[i];
     return dest;
 }
 
