@@ -43,8 +43,9 @@ def qemu(image, *extra):
 
 def guest_figures(*extra):
     """Boots the measuring image and returns {name: (median, min, max)}."""
-    run = subprocess.run(qemu(BENCH_IMAGE, "-nic", "none", "-serial", "null", "-serial", "stdio", *extra), stdin=subprocess.DEVNULL,
-                         capture_output=True, timeout=120, check=False)
+    command = qemu(BENCH_IMAGE, "-nic", "none", "-serial", "null", "-serial", "stdio", *extra)
+    run = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=120,
+                         check=False)
     text = run.stdout.decode("latin-1")
     if "bench done" not in text:
         sys.exit(f"bench: the measuring image did not finish:\n{text[-2000:]}")

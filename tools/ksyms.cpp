@@ -22,21 +22,24 @@ struct function_t {
 /// By address; of several names for one address the first stands.
 using functions_t = std::map<uint32_t, function_t>;
 
-/// Cuts a demangled name at its argument list.
+/// Drops every argument list from a demangled name, those of enclosing functions and lambdas too.
 std::string without_arguments(const std::string& name) {
     const std::string call = "operator()";
-    size_t at = name.find(call);
-    at = at == std::string::npos ? 0 : at + call.size();
+    std::string kept;
     int depth = 0;
-    for (; at < name.size(); at++) {
-        if (name[at] == '<')
+    for (size_t at = 0; at < name.size(); at++) {
+        if (depth == 0 && name.compare(at, call.size(), call) == 0) {
+            kept += call;
+            at += call.size() - 1;
+        } else if (name[at] == '(') {
             depth++;
-        else if (name[at] == '>')
+        } else if (name[at] == ')') {
             depth--;
-        else if (name[at] == '(' && depth == 0)
-            return name.substr(0, at);
+        } else if (depth == 0) {
+            kept += name[at];
+        }
     }
-    return name;
+    return kept;
 }
 
 std::string readable(const std::string& symbol) {
