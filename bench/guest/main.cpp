@@ -153,10 +153,11 @@ void measure_console() {
         *cell = 0x0720;
     });
     constexpr uint32_t COLUMNS = 80;
+    static uint8_t row[COLUMNS];
+    memset(row, '.', sizeof row);
     measure("console-character", COLUMNS, [] {
         console_set_cursor(12, 0);
-        for (uint32_t i = 0; i < COLUMNS; ++i)
-            console_putchar('.');
+        console_write_len(row, sizeof row);
     });
     measure_each("console-scrolled-line", 50, [] { console_putchar('\n'); });
 }

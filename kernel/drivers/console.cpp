@@ -50,6 +50,10 @@ struct capture_t {
 
 screen_t screen GUARDED_BY(irq_mask);
 capture_t capture GUARDED_BY(irq_mask);
+
+constexpr int CURSOR_UNKNOWN = -1;
+/// The high byte that the cursor's register holds; unknown until it is written.
+int cursor_high GUARDED_BY(irq_mask) = CURSOR_UNKNOWN;
 console_session_hook_fn session_hook;
 
 /// A word of two blanks in the present colour.
@@ -88,13 +92,19 @@ void scroll_locked() REQUIRES(irq_mask) {
     screen.y = LAST_ROW;
 }
 
+/// The high byte, which seldom changes, goes first: the index port then rests on the low byte, and
+/// most characters cost one port write.
 void move_hardware_cursor_locked() REQUIRES(irq_mask) {
     const uint32_t position =
         static_cast<uint32_t>(screen.y) * VGA_COLUMNS + static_cast<uint32_t>(screen.x);
-    outb(CRTC_INDEX, CURSOR_LOW);
+    const int high = static_cast<uint8_t>(position >> 8);
+    if (high != cursor_high) {
+        cursor_high = high;
+        outb(CRTC_INDEX, CURSOR_HIGH);
+        outb(CRTC_DATA, static_cast<uint8_t>(high));
+        outb(CRTC_INDEX, CURSOR_LOW);
+    }
     outb(CRTC_DATA, static_cast<uint8_t>(position));
-    outb(CRTC_INDEX, CURSOR_HIGH);
-    outb(CRTC_DATA, static_cast<uint8_t>(position >> 8));
 }
 
 void show_on_screen(char c) {
@@ -127,10 +137,16 @@ void show_on_screen(char c) {
     }
     if (screen.y > LAST_ROW)
         scroll_locked();
-    move_hardware_cursor_locked();
+}
+
+/// A glance without the guard, for the common case; put_in_capture looks again.
+bool capture_is_on() NO_THREAD_SAFETY_ANALYSIS {
+    return __atomic_load_n(&capture.buf, __ATOMIC_RELAXED) != nullptr;
 }
 
 bool put_in_capture(char c) {
+    if (!capture_is_on())
+        return false;
     irq_guard guard;
     if (capture.buf == nullptr)
         return false;
@@ -170,6 +186,27 @@ void send_to_session(const char* fmt, ...) {
                   session.ctx);
 }
 
+/// Writes one character; true when it went to the screen, whose hardware cursor then lags behind.
+bool put_character(char c) {
+    if (put_in_capture(c))
+        return false;
+    console_session_t session;
+    if (find_session(&session)) {
+        session.write(reinterpret_cast<const uint8_t*>(&c), 1, session.ctx);
+        return false;
+    }
+    if (c == '\n')
+        hal_serial_putc('\r');
+    hal_serial_putc(c);
+    show_on_screen(c);
+    return true;
+}
+
+void move_hardware_cursor() {
+    irq_guard guard;
+    move_hardware_cursor_locked();
+}
+
 int ansi_color(uint8_t color, int base) {
     constexpr uint8_t BRIGHT = 8;
     return base + ((color & BRIGHT) != 0 ? ANSI_BRIGHT : 0) + VGA_TO_ANSI[color & 15];
@@ -204,6 +241,7 @@ void console_clear(void) {
     cpu_fill_words(vga_text(), blanks_locked(), VGA_CELLS / 2);
     screen.x = 0;
     screen.y = 0;
+    cursor_high = CURSOR_UNKNOWN;
     move_hardware_cursor_locked();
 }
 
@@ -228,27 +266,24 @@ void console_set_cursor(int row, int col) {
 }
 
 void console_putchar(char c) {
-    if (put_in_capture(c))
-        return;
-    console_session_t session;
-    if (find_session(&session)) {
-        session.write(reinterpret_cast<const uint8_t*>(&c), 1, session.ctx);
-        return;
-    }
-    if (c == '\n')
-        hal_serial_putc('\r');
-    hal_serial_putc(c);
-    show_on_screen(c);
+    if (put_character(c))
+        move_hardware_cursor();
 }
 
 void console_write(const char* text) {
+    bool shown = false;
     for (; *text != '\0'; ++text)
-        console_putchar(*text);
+        shown |= put_character(*text);
+    if (shown)
+        move_hardware_cursor();
 }
 
 void console_write_len(const uint8_t* bytes, size_t len) {
+    bool shown = false;
     for (size_t i = 0; i < len; ++i)
-        console_putchar(static_cast<char>(bytes[i]));
+        shown |= put_character(static_cast<char>(bytes[i]));
+    if (shown)
+        move_hardware_cursor();
 }
 
 void console_start_capture(char* buf, int max) {
