@@ -1,7 +1,10 @@
 // BLAKE2s-256 (RFC 7693), unkeyed.
 #include <array>
 
-#include "kernel/core/noise/bytes.h"
+#include <bit>
+
+#include "kernel/core/endian.h"
+#include "kernel/core/noise/secret.h"
 #include "kernel/core/string.h"
 
 namespace {
@@ -48,7 +51,7 @@ template <size_t A, size_t B, size_t C, size_t D>
 template <size_t ROUND>
 [[gnu::always_inline]] inline void round(work_t& v, const uint8_t* block) {
     constexpr const uint8_t* s = blake2s_sigma[ROUND];
-    const auto m = [block](uint8_t word) { return load32_le(block + 4 * word); };
+    const auto m = [block](uint8_t word) { return load_le32(block + 4 * word); };
     mix<0, 4, 8, 12>(v, m(s[0]), m(s[1]));
     mix<1, 5, 9, 13>(v, m(s[2]), m(s[3]));
     mix<2, 6, 10, 14>(v, m(s[4]), m(s[5]));
@@ -104,6 +107,6 @@ void blake2s(uint8_t* out, const void* in, uint32_t inlen) {
         crypto_wipe(block, sizeof block);
     }
     for (size_t i = 0; i < h.size(); ++i)
-        store32_le(out + 4 * i, h[i]);
+        store_le32(out + 4 * i, h[i]);
     wipe_dead_stack<DEAD_STACK_BYTES>();
 }

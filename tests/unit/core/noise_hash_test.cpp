@@ -4,21 +4,36 @@
 
 namespace {
 
-TEST(Blake2s, AgreesWithHashlibOverAllBlockEdges) {
-    bytes_t outputs;
-    for (uint32_t n = 0; n < 300; ++n)
-        append(outputs, blake2s_of(pattern(n, n)));
-    EXPECT_EQ(hex(blake2s_of(outputs)),
-              "6947b0ab7f46d6d89ae2321231cbd53a8008a63d42cf272f848ff756c8c531a8");
+TEST(Hashes, AgreeWithHashlibOverAllBlockEdges) {
+    bytes_t small, large;
+    for (uint32_t n = 0; n < 300; ++n) {
+        const bytes_t in = pattern(n, n);
+        append(small, blake2s_of(in));
+        bytes_t digest(SHA512_BYTES);
+        sha512(digest.data(), in.data(), n);
+        append(large, digest);
+    }
+    EXPECT_EQ(over(small), "6947b0ab7f46d6d89ae2321231cbd53a8008a63d42cf272f848ff756c8c531a8");
+    EXPECT_EQ(over(large), "3ef2d03a070ef9c8316a4a2a5dff2d7dc2d799176daf8958badd4311026626a4");
 }
 
-TEST(Blake2s, AnswersTheStandardAndMayHashInPlace) {
+TEST(Hashes, MayWriteOverTheirInput) {
     bytes_t text = {'a', 'b', 'c'};
-    text.resize(32);
+    text.resize(BLAKE2S_BYTES);
     blake2s(text.data(), text.data(), 3);
     EXPECT_EQ(hex(text), "508c5e8c327c14e2e1a72ba34eeb452f37458b209ed63a294d999b4c86675982");
     blake2s(text.data(), nullptr, 0);
     EXPECT_EQ(hex(text), "69217a3079908094e11121d042354a7c1f55b6482ca1a51e1b250dfd1ed0eef9");
+}
+
+TEST(Helpers, ComparisonSeesEveryBitAndNothingElse) {
+    const bytes_t x = pattern(1, 32);
+    EXPECT_EQ(crypto_verify_32(x.data(), x.data()), 0);
+    for (uint32_t bit = 0; bit < 256; ++bit) {
+        bytes_t y = x;
+        y[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
+        EXPECT_EQ(crypto_verify_32(x.data(), y.data()), -1) << bit;
+    }
 }
 
 }  // namespace

@@ -34,6 +34,13 @@ inline bytes_t pattern(uint32_t seed, uint32_t length) {
     return bytes;
 }
 
+/// The answer that stands for many outputs.
+inline std::string over(const bytes_t& outputs) {
+    bytes_t out(BLAKE2S_BYTES);
+    blake2s(out.data(), outputs.data(), static_cast<uint32_t>(outputs.size()));
+    return hex(out);
+}
+
 inline void append(bytes_t& to, const bytes_t& more) {
     to.insert(to.end(), more.begin(), more.end());
 }
