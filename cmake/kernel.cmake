@@ -11,6 +11,7 @@ target_compile_options(vorn_flags INTERFACE
 
 file(GLOB VORN_ARCH_SOURCES CONFIGURE_DEPENDS
   ${CMAKE_SOURCE_DIR}/arch/x86/*.cpp ${CMAKE_SOURCE_DIR}/arch/x86/*.S)
+include(cmake/crypto.cmake)
 add_library(vorn_kernel OBJECT ${VORN_KERNEL_SOURCES} ${VORN_ARCH_SOURCES})
 target_link_libraries(vorn_kernel PRIVATE vorn_flags)
 

@@ -1,0 +1,208 @@
+#include <gtest/gtest.h>
+
+#include "kernel/core/memory.h"
+#include "tests/machine/machine.h"
+#include "tests/machine/memory.h"
+#include "tests/unit/core/noise_vectors.h"
+
+namespace {
+
+bytes_t x25519(const bytes_t& scalar, const bytes_t& point) {
+    bytes_t out(32);
+    curve25519(out.data(), scalar.data(), point.data());
+    return out;
+}
+
+TEST(X25519, AgreesWithAnIndependentImplementation) {
+    std::vector<bytes_t> points;
+    for (uint32_t n = 1; n < 60; ++n)
+        points.push_back(pattern(n, 32));
+    points.push_back(bytes_t(32, 0xFF));  // above the prime
+    points.push_back(bytes_t(32, 0xFF));
+    points.back()[0] = 0xF0;
+    bytes_t outputs;
+    for (uint32_t n = 0; n < points.size(); ++n) {
+        const bytes_t scalar = pattern(n + 100, 32);
+        bytes_t pub(32);
+        curve25519_base(pub.data(), scalar.data());
+        append(outputs, x25519(scalar, points[n]));
+        append(outputs, pub);
+    }
+    EXPECT_EQ(over(outputs), "9e0ed3ef0a76bb565539e96e58001cc52e7895a8ff83b3ed4df39ac3413add36");
+}
+
+TEST(X25519, AThousandRoundsGiveTheAnswerOfTheStandard) {
+    bytes_t k(32), u(32);
+    k[0] = u[0] = 9;
+    for (int i = 0; i < 1000; ++i)
+        u = std::exchange(k, x25519(k, u));
+    EXPECT_EQ(hex(k), "684cf59ba83309552800ef566f2f4d3c1c3887c49360e3875f2eb94d99532c51");
+}
+
+TEST(X25519, SmallOrderGivesZerosAndTheTopBitIsIgnored) {
+    const bytes_t scalar = pattern(3, 32);
+    bytes_t point(32);
+    for (const uint8_t u : bytes_t{0, 1})
+        EXPECT_EQ(x25519(scalar, (point[0] = u, point)), bytes_t(32));
+    point[0] = 9;
+    const bytes_t plain = x25519(scalar, point);
+    point[31] = 0x80;
+    EXPECT_EQ(x25519(scalar, point), plain);
+}
+
+struct signer_t {
+    explicit signer_t(const bytes_t& seed) : pk(32), sk(seed), sig(64) {
+        sk.resize(64);
+        ed25519_keypair(pk.data(), sk.data());
+    }
+    int sign(const bytes_t& m) {
+        return ed25519_sign(sig.data(), m.data(), static_cast<uint32_t>(m.size()), sk.data());
+    }
+    int verify(const bytes_t& m) const {
+        return ed25519_verify(sig.data(), m.data(), static_cast<uint32_t>(m.size()), pk.data());
+    }
+    bytes_t pk, sk, sig;
+};
+
+class Ed25519 : public testing::Test {
+protected:
+    void SetUp() override {
+        machine_reset();
+        machine_boot_memory();
+    }
+};
+
+// Together the scalars of so many signatures use every entry of the base-point table.
+TEST_F(Ed25519, AgreesWithAnIndependentImplementationAndVerifies) {
+    bytes_t outputs;
+    uint32_t total, before, after;
+    heap_get_stats(&total, &before);
+    for (uint32_t i = 0; i <= 100; ++i) {
+        const uint32_t n = i < 100 ? i : ED25519_MESSAGE_MAX;
+        signer_t signer(pattern(n & 0xFF, 32));
+        const bytes_t message = pattern(n & 0xFF, n);
+        ASSERT_EQ(signer.sign(message), 0);
+        EXPECT_EQ(signer.verify(message), 0) << n;
+        append(outputs, signer.pk);
+        append(outputs, signer.sig);
+        EXPECT_EQ(hex(signer.sk.data() + 32, 32), hex(signer.pk));
+    }
+    EXPECT_EQ(over(outputs), "5f268ce9786ee2038c24d22600072d01d77bda6c73f85b6136db61990c8cb7ff");
+    heap_get_stats(&total, &after);
+    EXPECT_EQ(after, before);
+}
+
+TEST_F(Ed25519, AnswersTheStandard) {
+    const char* const vectors[][3] = {
+        {"9d61b19deffd5a60ba844af492ec2cc44449c5697b326919703bac031cae7f60", "",
+         "e5564300c360ac729086e2cc806e828a84877f1eb8e5d974d873e065224901555fb8821590a33bacc61e39701"
+         "cf9b46bd25bf5f0595bbe24655141438e7a100b"},
+        {"4ccd089b28ff96da9db6c346ec114e0f5b8a319f35aba624da8cf6ed4fb8a6fb", "72",
+         "92a009a9f0d4cab8720e820b5f642540a2b27b5416503f8fb3762223ebdb69da085ac1e43e15996e458f3613d"
+         "0f11d8c387b2eaeb4302aeeb00d291612bb0c00"},
+        {"c5aa8df43f9f837bedb7442f31dcb7b166d38535076f094b85ce3a2e0b4458f7", "af82",
+         "6291d657deec24024827e69c3abe01a30ce548a284743a445e3680d7db5ac3ac18ff9b538d16f290ae67f7609"
+         "84dc6594a7c15e9716ed28dc027beceea1ec40a"}};
+    for (const auto& [seed, message, signature] : vectors) {
+        signer_t signer(unhex(seed));
+        ASSERT_EQ(signer.sign(unhex(message)), 0);
+        EXPECT_EQ(hex(signer.sig), signature);
+    }
+}
+
+TEST_F(Ed25519, RefusesEveryChangedBit) {
+    const bytes_t message = pattern(1, 20);
+    signer_t signer(pattern(2, 32));
+    ASSERT_EQ(signer.sign(message), 0);
+    for (bytes_t* changed : {&signer.sig, &signer.pk})
+        for (size_t bit = 0; bit < changed->size() * 8; ++bit) {
+            (*changed)[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
+            EXPECT_EQ(signer.verify(message), -1) << bit;
+            (*changed)[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
+        }
+    bytes_t other = message;
+    other[19] ^= 1;
+    EXPECT_EQ(signer.verify(other), -1);
+    EXPECT_EQ(signer.verify(message), 0);
+}
+
+TEST_F(Ed25519, DoesNotCompareSWithTheOrder) {
+    const bytes_t order = unhex("edd3f55c1a631258d69cf7a2def9de1400000000000000000000000000000010");
+    const bytes_t message = pattern(1, 20);
+    signer_t signer(pattern(2, 32));
+    ASSERT_EQ(signer.sign(message), 0);
+    // The last sum that fits 256 bits has all digits of its top row in use.
+    for (int times = 0; times < 15; ++times) {
+        uint32_t carry = 0;
+        for (size_t i = 0; i < 32; ++i) {
+            carry += signer.sig[32 + i] + order[i];
+            signer.sig[32 + i] = static_cast<uint8_t>(carry);
+            carry >>= 8;
+        }
+        if (carry != 0)
+            break;
+        EXPECT_EQ(signer.verify(message), 0) << times;
+    }
+}
+
+TEST_F(Ed25519, RefusesWhatIsNoPoint) {
+    const char* const encodings[] = {
+        "0200000000000000000000000000000000000000000000000000000000000000",   // no x for this y
+        "eeffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff7f",   // y = p + 1
+        "0100000000000000000000000000000000000000000000000000000000000080"};  // x = 0, odd
+    // With the identity as key and R, and S = 0, the equation holds for any message.
+    signer_t signer(pattern(2, 32));
+    signer.pk = unhex("0100000000000000000000000000000000000000000000000000000000000000");
+    signer.sig = bytes_t(64);
+    signer.sig[0] = 1;
+    EXPECT_EQ(signer.verify({}), 0);
+    for (const char* encoding : encodings) {
+        signer.pk = unhex(encoding);
+        EXPECT_EQ(signer.verify({}), -1) << encoding;
+    }
+}
+
+TEST_F(Ed25519, RefusesLongMessagesAndLackOfMemory) {
+    bytes_t message = pattern(1, ED25519_MESSAGE_MAX + 1);
+    signer_t signer(pattern(2, 32));
+    EXPECT_EQ(signer.sign(message), -1);
+    EXPECT_EQ(signer.verify(message), -1);
+    message.pop_back();
+    ASSERT_EQ(signer.sign(message), 0);
+    for (size_t size = HEAP_BYTES; size >= 1024; size /= 2)
+        while (kmalloc(size) != nullptr)
+            continue;
+    EXPECT_EQ(signer.sign(message), -1);
+    EXPECT_EQ(signer.verify(message), -1);
+}
+
+std::vector<std::string> calls;
+
+TEST(Keys, ComeFromAStirredPoolAndAreClamped) {
+    machine_capture_texts();
+    noise_set_random({nullptr, nullptr, false});
+    uint8_t pub[32], priv[32];
+    EXPECT_THROW(noise_generate_keypair(pub, priv), machine_halted);
+    machine_texts().clear();
+    noise_init();
+    calls.clear();
+    noise_set_random({[](void* buf, uint32_t len) {
+                          calls.push_back("fill " + std::to_string(len));
+                          memset(buf, 0xFF, len);
+                      },
+                      [] { calls.push_back("stir"); }, true});
+    noise_init();
+    EXPECT_EQ(machine_texts(),
+              "[boot] Noise crypto primitives initialized\n"
+              "[boot] Noise crypto primitives initialized (RDRAND available)\n");
+    noise_generate_keypair(pub, priv);
+    EXPECT_EQ(calls, (std::vector<std::string>{"stir", "fill 32", "stir"}));
+    bytes_t clamped(32, 0xFF), base(32);
+    clamped[0] = 0xF8;
+    clamped[31] = 0x7F;
+    base[0] = 9;
+    EXPECT_EQ(hex(priv, 32), hex(clamped));
+    EXPECT_EQ(hex(pub, 32), hex(x25519(clamped, base)));
+}
+
+}  // namespace
