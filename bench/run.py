@@ -37,8 +37,8 @@ TIMED_PEERS = {"console-character": ("port-read-and-cell", 3.0)}
 
 
 def qemu(image, *extra):
-    return [QEMU, "-kernel", str(image), "-cpu", "max", "-m", "128", "-display", "none",
-            "-no-reboot", *extra]
+    return ["setpriv", "--pdeathsig", "KILL", "--", QEMU, "-kernel", str(image), "-cpu", "max",
+            "-m", "128", "-display", "none", "-no-reboot", *extra]
 
 
 def guest_figures(*extra):
