@@ -41,7 +41,8 @@ def main():
         point = first
         for _ in range(MULTIPLES):
             x, y = point
-            sys.stdout.write("    {\n" + words(y + x) + words(y - x) + words(2 * D * x * y) + "    },\n")
+            entry = words(y + x) + words(y - x) + words(2 * D * x * y)
+            sys.stdout.write("    {\n" + entry + "    },\n")
             point = add(point, first)
         sys.stdout.write("},\n")
         for _ in range(4 * DIGITS_PER_ROW):
