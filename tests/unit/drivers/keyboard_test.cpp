@@ -216,8 +216,14 @@ TEST_F(Keyboard, ATaskBlocksUntilAKeyComesAndStandsBehindIt) {
     EXPECT_TRUE(reader->waiting_for_input);
     EXPECT_TRUE(other->waiting_for_input);
     const uint32_t events = causal_total_events();
-    ports.type("bcdef");
+    ports.type("bcde");
     EXPECT_EQ(causal_total_events(), events + 2);  // two wake-ups, no key
+    schedule();
+    // Whoever looks for input is no cause of what comes.
+    causal_emit(CAUSAL_USER, "test", "looking", nullptr, 0);
+    ports.serial = {'f'};
+    EXPECT_TRUE(keyboard_has_input());
+    EXPECT_EQ(causal_get(other->causal_ctx)->num_parents, 1);
     schedule();
     EXPECT_EQ(received, "abcdef");
 }
