@@ -1,0 +1,345 @@
+// The workers: each kind uses one shared structure of the kernel and would notice if what it left
+// there came back changed, twice or not at all.
+#include <array>
+
+#include "arch/x86/ports.h"
+#include "kernel/core/guards.h"
+#include "kernel/core/interrupt.h"
+#include "kernel/core/kprintf.h"
+#include "kernel/core/memory.h"
+#include "kernel/core/mutex.h"
+#include "kernel/core/string.h"
+#include "kernel/core/task.h"
+#include "kernel/drivers/console.h"
+#include "kernel/drivers/dmesg.h"
+#include "kernel/drivers/keyboard.h"
+#include "kernel/drivers/keyboard_ports.h"
+#include "kernel/graph/causal.h"
+#include "tests/stress/stress.h"
+
+namespace {
+
+constexpr int WORKER_PRIORITY = 4;
+constexpr uint32_t WORK_EXPECTED = 100;  // steps of each kind
+constexpr uint32_t PAYLOAD_WORDS = 20;
+constexpr const char* SUBSYSTEM = "stress";
+
+enum kind_t {
+    HEAP,
+    EVENTS,
+    TOKENS,
+    SLEEPS,
+    CHILDREN,
+    MUTEX,
+    CONSOLE,
+    LOG,
+    KEYS,
+    QUEUES,
+    KINDS,
+};
+constexpr std::array<const char*, KINDS> KIND_NAMES = {
+    "heap", "events", "tokens", "sleeps", "children", "mutex", "console", "log", "keys", "queues"};
+std::array<volatile uint32_t, KINDS> done;
+
+uint32_t new_seed() {
+    static volatile uint32_t seeds;
+    return __atomic_add_fetch(&seeds, 0x9E3779B9u, __ATOMIC_RELAXED);
+}
+
+/// Runs `step` over and over, single-stepped, until the workers shall stop.
+template <typename Step>
+void work(kind_t kind, Step step) {
+    uint32_t seed = new_seed();
+    step_me();
+    while (!stop_workers) {
+        step(&seed);
+        __atomic_add_fetch(&done[kind], 1, __ATOMIC_RELAXED);
+    }
+    __atomic_sub_fetch(&workers_alive, 1, __ATOMIC_RELAXED);
+}
+
+void heap_worker() {
+    struct block_t {
+        uint8_t* at;
+        uint32_t size;
+        uint8_t fill;
+    };
+    std::array<block_t, 8> blocks = {};
+    const auto release = [](block_t& b) {
+        for (uint32_t i = 0; b.at != nullptr && i < b.size; ++i)
+            if (b.at[i] != b.fill)
+                stress_fail("a heap block changed", i, b.size);
+        kfree(b.at);
+        b.at = nullptr;
+    };
+    work(HEAP, [&](uint32_t* seed) {
+        block_t& b = blocks[krng(seed) % blocks.size()];
+        release(b);
+        b.size = krng(seed) % 16 == 0 ? 4096 + krng(seed) : krng(seed) % 200;
+        b.fill = static_cast<uint8_t>(krng(seed));
+        b.at =
+            static_cast<uint8_t*>(b.size % 3 == 0 ? kmalloc_aligned(b.size, 64) : kmalloc(b.size));
+        if (b.at == nullptr)
+            stress_fail("the heap is exhausted", b.size, 0);
+        memset(b.at, b.fill, b.size);
+    });
+    for (block_t& b : blocks)
+        release(b);
+}
+
+void fill_words(uint32_t seed, uint32_t* words) {
+    for (uint32_t i = 0; i < PAYLOAD_WORDS; ++i)
+        words[i] = seed * 2654435761u + i;
+}
+
+/// The event is one of ours and whole: its text says the seed of its payload.
+void verify_event(const causal_event_t& event) {
+    if (strcmp(event.subsystem, SUBSYSTEM) != 0)
+        return;
+    uint32_t words[PAYLOAD_WORDS];
+    uint32_t seed;
+    memcpy(&seed, event.payload, sizeof seed);
+    seed *= 244002641u;  // the inverse of the multiplier, modulo 2^32
+    fill_words(seed, words);
+    char text[32];
+    ksnprintf(text, sizeof text, "seed=%u", seed);
+    if (event.payload_len != sizeof words || memcmp(event.payload, words, sizeof words) != 0 ||
+        strcmp(event.desc, text) != 0)
+        stress_fail("a torn event", event.id, event.payload_len);
+}
+
+void events_worker() {
+    static causal_event_t copies[2];
+    static volatile uint32_t workers;
+    causal_event_t& copy = copies[__atomic_fetch_add(&workers, 1, __ATOMIC_RELAXED) % 2];
+    work(EVENTS, [&](uint32_t* seed) {
+        const uint32_t value = *seed;
+        uint32_t words[PAYLOAD_WORDS];
+        fill_words(value, words);
+        char text[32];
+        ksnprintf(text, sizeof text, "seed=%u", value);
+        const uint32_t id =
+            causal_emit_payload(CAUSAL_USER, SUBSYSTEM, text, nullptr, 0, words, sizeof words);
+        const uint32_t back = id - krng(seed) % (id < 500 ? id : 500);
+        if (causal_copy(back, &copy)) {
+            if (copy.id != back)
+                stress_fail("an event under another number", back, copy.id);
+            verify_event(copy);
+        }
+    });
+}
+
+/// Counted wake-ups from one task to another: a lost one stops the taker for ever.
+struct {
+    volatile uint32_t waiting, given, taken;
+    task_t* volatile taker;
+} tokens;
+
+void token_giver() {
+    work(TOKENS, [](uint32_t* seed) {
+        {
+            const irq_guard guard;
+            tokens.waiting = tokens.waiting + 1;
+            tokens.given = tokens.given + 1;
+        }
+        task_unblock_reason(tokens.taker, "token");
+        if (krng(seed) % 4 == 0)
+            task_yield();
+    });
+}
+
+void token_taker() {
+    tokens.taker = task_current();
+    work(TOKENS, [](uint32_t*) {
+        const irq_guard guard;
+        while (tokens.waiting == 0 && !stop_workers)
+            task_block(task_current());
+        tokens.taken = tokens.taken + tokens.waiting;
+        tokens.waiting = 0;
+    });
+}
+
+void sleep_worker() {
+    work(SLEEPS, [](uint32_t* seed) {
+        const uint32_t start = system_ticks;
+        const uint32_t ticks = 1 + krng(seed) % 3;
+        task_sleep(ticks);
+        if (system_ticks - start < ticks)
+            stress_fail("a sleep ended early", ticks, system_ticks - start);
+    });
+}
+
+constexpr uint32_t CHILDREN_MAX = 6;
+volatile uint32_t children_made, children_ended;
+
+void child() {
+    step_me();
+    task_yield();
+    __atomic_add_fetch(&children_ended, 1, __ATOMIC_RELAXED);
+}
+
+void children_worker() {
+    work(CHILDREN, [](uint32_t*) {
+        if (children_made - children_ended < CHILDREN_MAX &&
+            task_create("child", child, WORKER_PRIORITY) != nullptr)
+            children_made = children_made + 1;
+        else
+            task_sleep(1);
+    });
+}
+
+mutex_t shared_mutex;
+volatile uint32_t first_half, second_half;
+
+void mutex_worker() {
+    work(MUTEX, [](uint32_t* seed) {
+        const mutex_guard guard(shared_mutex);
+        const uint32_t next = first_half + 1;
+        first_half = next;
+        if (krng(seed) % 8 == 0)
+            task_sleep(1);
+        second_half = second_half + 1;
+        if (first_half != next || second_half != next)
+            stress_fail("two tasks inside one mutex", first_half, second_half);
+    });
+}
+
+constexpr uint32_t CAPTURED = 400;
+volatile bool capturing;
+
+/// Captures what it and the other console worker write: none of its own characters may be lost.
+void capture_worker() {
+    static char text[4 * CAPTURED];
+    work(CONSOLE, [](uint32_t*) {
+        console_start_capture(text, sizeof text);
+        capturing = true;
+        for (uint32_t i = 0; i < CAPTURED; ++i)
+            console_putchar('x');
+        capturing = false;
+        const int len = console_stop_capture();
+        uint32_t own = 0;
+        for (const char* c = text; *c != '\0'; ++c)
+            own += *c == 'x' ? 1 : 0;
+        const bool cut = len == sizeof text - 1;
+        if ((own != CAPTURED && !cut) || strlen(text) != static_cast<size_t>(len))
+            stress_fail("captured characters were lost", own, static_cast<uint32_t>(len));
+    });
+}
+
+void console_worker() {
+    work(CONSOLE, [](uint32_t*) {
+        if (capturing)
+            console_putchar('y');
+        else
+            task_yield();
+    });
+}
+
+constexpr int MARK_LENGTH = 10;
+
+void log_worker() {
+    work(LOG, [](uint32_t* seed) {
+        static std::array<char, DMESG_BYTES + 1> log;
+        static mutex_t log_mutex;
+        char mark[MARK_LENGTH + 1];
+        ksnprintf(mark, sizeof mark, "<%08x>", *seed);
+        dmesg_append(mark, MARK_LENGTH);
+        if (krng(seed) % 64 != 0)
+            return;
+        const mutex_guard guard(log_mutex);
+        const int len = dmesg_read(log.data(), static_cast<int>(log.size()));
+        int at = 0;
+        while (at < len && log[static_cast<size_t>(at)] != '<')
+            ++at;
+        for (; at + MARK_LENGTH <= len; at += MARK_LENGTH)
+            if (log[static_cast<size_t>(at)] != '<' ||
+                log[static_cast<size_t>(at) + MARK_LENGTH - 1] != '>')
+                stress_fail("the kernel log is torn", static_cast<uint32_t>(at), *seed);
+    });
+}
+
+constexpr std::array<uint8_t, 8> SCANCODES = {0x1E, 0x30, 0x2E, 0x20, 0x12, 0x21, 0x22, 0x23};
+constexpr uint32_t KEYS_UNDERWAY = 100;
+constexpr uint8_t KBC_WRITE_OUTPUT = 0xD2;  // the next data byte arrives as if from the keyboard
+volatile uint32_t keys_sent, keys_taken;
+
+void key_worker() {
+    work(KEYS, [](uint32_t*) {
+        const char key = keyboard_getchar();
+        if (key != static_cast<char>('a' + keys_taken % SCANCODES.size()))
+            stress_fail("a key came out of order", keys_taken, static_cast<uint8_t>(key));
+        keys_taken = keys_taken + 1;
+    });
+}
+
+void queue_worker() {
+    work(QUEUES, [](uint32_t* seed) {
+        const pid_t self = task_getpid();
+        if (task_set_priority(self, WORKER_PRIORITY + static_cast<int>(krng(seed) % 2)) != 0)
+            stress_fail("renice failed", static_cast<uint32_t>(self), 0);
+        task_set_ap_offloadable(task_current(), krng(seed) % 2 == 0);
+        task_yield();
+    });
+}
+
+}  // namespace
+
+void feed_key() {
+    if (keys_sent - keys_taken >= KEYS_UNDERWAY || kbc_has_byte())
+        return;
+    outb(KBC_STATUS, KBC_WRITE_OUTPUT);
+    outb(KBC_DATA, SCANCODES[keys_sent % SCANCODES.size()]);
+    keys_sent = keys_sent + 1;
+}
+
+void workers_start() {
+    struct worker_t {
+        kind_t kind;
+        task_entry_fn entry;
+    };
+    constexpr worker_t WORKERS[] = {
+        {TOKENS, token_taker},       {TOKENS, token_giver},     {HEAP, heap_worker},
+        {HEAP, heap_worker},         {HEAP, heap_worker},       {EVENTS, events_worker},
+        {EVENTS, events_worker},     {SLEEPS, sleep_worker},    {SLEEPS, sleep_worker},
+        {CHILDREN, children_worker}, {MUTEX, mutex_worker},     {MUTEX, mutex_worker},
+        {MUTEX, mutex_worker},       {CONSOLE, capture_worker}, {CONSOLE, console_worker},
+        {LOG, log_worker},           {LOG, log_worker},         {KEYS, key_worker},
+        {QUEUES, queue_worker},      {QUEUES, queue_worker},
+    };
+    for (const worker_t& w : WORKERS) {
+        __atomic_add_fetch(&workers_alive, 1, __ATOMIC_RELAXED);
+        if (task_create(KIND_NAMES[w.kind], w.entry, WORKER_PRIORITY) == nullptr)
+            stress_fail("no task for a worker", w.kind, 0);
+    }
+}
+
+void workers_release() {
+    const irq_guard guard;
+    task_unblock_reason(tokens.taker, "stop");
+    if (keys_sent == keys_taken)
+        feed_key();
+}
+
+void workers_verify() {
+    for (uint32_t kind = 0; kind < KINDS; ++kind) {
+        kprintf("STRESS %s: %u\n", KIND_NAMES[kind], done[kind]);
+        if (done[kind] < WORK_EXPECTED)
+            stress_fail("too little work was done", kind, done[kind]);
+    }
+    if (tokens.given != tokens.taken + tokens.waiting)
+        stress_fail("tokens were lost", tokens.given, tokens.taken);
+    if (children_made != children_ended)
+        stress_fail("children were lost", children_made, children_ended);
+}
+
+void verify_events() {
+    uint64_t lamport = 0;
+    const uint32_t newest = causal_total_events();
+    for (uint32_t id = causal_oldest_event_id(); id <= newest; ++id) {
+        const causal_event_t* event = causal_get_ring(id);
+        if (event == nullptr || event->id != id || event->time.lamport <= lamport)
+            stress_fail("the event ring is out of order", id, newest);
+        lamport = event->time.lamport;
+        verify_event(*event);
+    }
+}
