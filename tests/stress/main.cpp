@@ -103,6 +103,7 @@ void run_phases() {
         while (static_cast<int32_t>(end - preemptions()) > 0) {
             task_sleep(1);
             verify_queues();
+            verify_keys();
         }
         verify_all();
     }
@@ -116,6 +117,7 @@ void run_phases() {
             feed_key();
         }
         verify_queues();
+        verify_keys();
     }
     pit_init(TIMER_HZ);
 }

@@ -43,5 +43,8 @@ void workers_verify();
 /// A worker may have put the next key into the keyboard's controller (interrupts masked).
 void feed_key();
 
+/// No key waits while its reader is blocked.
+void verify_keys();
+
 /// Checks all events in the ring: numbers, clock, and the texts and payloads of our own.
 void verify_events();

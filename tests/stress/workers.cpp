@@ -206,11 +206,13 @@ void mutex_worker() {
 
 constexpr uint32_t CAPTURED = 400;
 volatile bool capturing;
+mutex_t console_mutex;  // one capture, or one round on the screen
 
 /// Captures what it and the other console worker write: none of its own characters may be lost.
 void capture_worker() {
     static char text[4 * CAPTURED];
     work(CONSOLE, [](uint32_t*) {
+        const mutex_guard no_drawing(console_mutex);
         console_start_capture(text, sizeof text);
         capturing = true;
         for (uint32_t i = 0; i < CAPTURED; ++i)
@@ -235,35 +237,84 @@ void console_worker() {
     });
 }
 
+constexpr int SCREEN_ROUND = 600;  // characters, less than a screenful
+volatile int screen_left, screen_writers;
+
+void draw() {
+    while (__atomic_sub_fetch(&screen_left, 1, __ATOMIC_RELAXED) >= 0)
+        console_putchar('z');
+}
+
+/// Two tasks draw on a clear screen: every character must have got a cell of its own.
+void screen_worker() {
+    work(CONSOLE, [](uint32_t*) {
+        constexpr uint32_t CELLS = 80 * 25;
+        const mutex_guard no_capture(console_mutex);
+        console_clear();
+        screen_left = SCREEN_ROUND;
+        draw();
+        while (screen_writers > 0)
+            task_yield();
+        int shown = 0;
+        for (uint32_t i = 0; i < CELLS; ++i)
+            shown += reinterpret_cast<volatile uint8_t*>(0xB8000)[2 * i] == 'z' ? 1 : 0;
+        if (shown != SCREEN_ROUND)
+            stress_fail("characters were lost on the screen", static_cast<uint32_t>(shown), 0);
+    });
+}
+
+void second_screen_worker() {
+    work(CONSOLE, [](uint32_t*) {
+        __atomic_add_fetch(&screen_writers, 1, __ATOMIC_RELAXED);
+        if (screen_left > 0)
+            draw();
+        __atomic_sub_fetch(&screen_writers, 1, __ATOMIC_RELAXED);
+        task_yield();
+    });
+}
+
 constexpr int MARK_LENGTH = 10;
+constexpr uint32_t MARKS_KEPT = DMESG_BYTES / MARK_LENGTH - 2;
+volatile uint32_t marks_made;
+
+/// The log holds nothing but whole marks, behind the rest of one that is half overwritten.
+bool log_is_whole(const char* log) {
+    for (const char* at = strchr(log, '<'); at != nullptr && *at != '\0'; at += MARK_LENGTH)
+        if (strlen(at) < MARK_LENGTH || at[0] != '<' || at[MARK_LENGTH - 1] != '>')
+            return false;
+    return true;
+}
 
 void log_worker() {
     work(LOG, [](uint32_t* seed) {
         static std::array<char, DMESG_BYTES + 1> log;
         static mutex_t log_mutex;
+        const bool look = krng(seed) % 32 == 0;
         char mark[MARK_LENGTH + 1];
         ksnprintf(mark, sizeof mark, "<%08x>", *seed);
+        const uint32_t first = __atomic_add_fetch(&marks_made, 1, __ATOMIC_RELAXED);
         dmesg_append(mark, MARK_LENGTH);
-        if (krng(seed) % 64 != 0)
+        if (!look)
             return;
-        const mutex_guard guard(log_mutex);
-        const int len = dmesg_read(log.data(), static_cast<int>(log.size()));
-        int at = 0;
-        while (at < len && log[static_cast<size_t>(at)] != '<')
-            ++at;
-        for (; at + MARK_LENGTH <= len; at += MARK_LENGTH)
-            if (log[static_cast<size_t>(at)] != '<' ||
-                log[static_cast<size_t>(at) + MARK_LENGTH - 1] != '>')
-                stress_fail("the kernel log is torn", static_cast<uint32_t>(at), *seed);
+        const mutex_guard one_reader(log_mutex);
+        dmesg_read(log.data(), static_cast<int>(log.size()));
+        if (!log_is_whole(log.data()))
+            stress_fail("the kernel log is torn", *seed, 0);
+        if (marks_made - first < MARKS_KEPT && strstr(log.data(), mark) == nullptr)
+            stress_fail("the kernel log lost a text", *seed, marks_made - first);
     });
 }
 
 constexpr std::array<uint8_t, 8> SCANCODES = {0x1E, 0x30, 0x2E, 0x20, 0x12, 0x21, 0x22, 0x23};
-constexpr uint32_t KEYS_UNDERWAY = 100;
+constexpr uint32_t KEYS_UNDERWAY = 100;  // in a burst; else one at a time, at random
+constexpr uint32_t KEY_RARITY = 32;
+constexpr uint32_t BURST_BIT = 1u << 12;    // of the preemption count
 constexpr uint8_t KBC_WRITE_OUTPUT = 0xD2;  // the next data byte arrives as if from the keyboard
 volatile uint32_t keys_sent, keys_taken;
+task_t* volatile key_reader;
 
 void key_worker() {
+    key_reader = task_current();
     work(KEYS, [](uint32_t*) {
         const char key = keyboard_getchar();
         if (key != static_cast<char>('a' + keys_taken % SCANCODES.size()))
@@ -272,12 +323,15 @@ void key_worker() {
     });
 }
 
+/// Moves other workers, wherever they are queued just now.
 void queue_worker() {
     work(QUEUES, [](uint32_t* seed) {
-        const pid_t self = task_getpid();
-        if (task_set_priority(self, WORKER_PRIORITY + static_cast<int>(krng(seed) % 2)) != 0)
-            stress_fail("renice failed", static_cast<uint32_t>(self), 0);
-        task_set_ap_offloadable(task_current(), krng(seed) % 2 == 0);
+        constexpr uint32_t FIRST_WORKER = 2;  // pids 0 and 1 are boot and idle
+        task_t* t = task_find_by_pid(static_cast<pid_t>(FIRST_WORKER + krng(seed) % 22));
+        if (t == nullptr)
+            return;
+        task_set_priority(t->pid, WORKER_PRIORITY + static_cast<int>(krng(seed) % 2));
+        task_set_ap_offloadable(t, krng(seed) % 2 == 0);
         task_yield();
     });
 }
@@ -285,11 +339,20 @@ void queue_worker() {
 }  // namespace
 
 void feed_key() {
-    if (keys_sent - keys_taken >= KEYS_UNDERWAY || kbc_has_byte())
+    static uint32_t seed = 1;
+    const bool burst = (preemptions() & BURST_BIT) != 0;
+    if (keys_sent - keys_taken >= (burst ? KEYS_UNDERWAY : 1) || kbc_has_byte() ||
+        (!burst && krng(&seed) % KEY_RARITY != 0))
         return;
     outb(KBC_STATUS, KBC_WRITE_OUTPUT);
     outb(KBC_DATA, SCANCODES[keys_sent % SCANCODES.size()]);
     keys_sent = keys_sent + 1;
+}
+
+void verify_keys() {
+    const irq_guard guard;
+    if (key_reader != nullptr && key_reader->state == TASK_BLOCKED && keyboard_has_input())
+        stress_fail("a key waits, and so does its reader", keys_sent, keys_taken);
 }
 
 void workers_start() {
@@ -298,13 +361,28 @@ void workers_start() {
         task_entry_fn entry;
     };
     constexpr worker_t WORKERS[] = {
-        {TOKENS, token_taker},       {TOKENS, token_giver},     {HEAP, heap_worker},
-        {HEAP, heap_worker},         {HEAP, heap_worker},       {EVENTS, events_worker},
-        {EVENTS, events_worker},     {SLEEPS, sleep_worker},    {SLEEPS, sleep_worker},
-        {CHILDREN, children_worker}, {MUTEX, mutex_worker},     {MUTEX, mutex_worker},
-        {MUTEX, mutex_worker},       {CONSOLE, capture_worker}, {CONSOLE, console_worker},
-        {LOG, log_worker},           {LOG, log_worker},         {KEYS, key_worker},
-        {QUEUES, queue_worker},      {QUEUES, queue_worker},
+        {TOKENS, token_taker},
+        {TOKENS, token_giver},
+        {HEAP, heap_worker},
+        {HEAP, heap_worker},
+        {HEAP, heap_worker},
+        {EVENTS, events_worker},
+        {EVENTS, events_worker},
+        {SLEEPS, sleep_worker},
+        {SLEEPS, sleep_worker},
+        {CHILDREN, children_worker},
+        {MUTEX, mutex_worker},
+        {MUTEX, mutex_worker},
+        {MUTEX, mutex_worker},
+        {CONSOLE, capture_worker},
+        {CONSOLE, console_worker},
+        {CONSOLE, screen_worker},
+        {CONSOLE, second_screen_worker},
+        {LOG, log_worker},
+        {LOG, log_worker},
+        {KEYS, key_worker},
+        {QUEUES, queue_worker},
+        {QUEUES, queue_worker},
     };
     for (const worker_t& w : WORKERS) {
         __atomic_add_fetch(&workers_alive, 1, __ATOMIC_RELAXED);
@@ -314,6 +392,10 @@ void workers_start() {
 }
 
 void workers_release() {
+    constexpr uint32_t PATIENCE = 2000;  // calls
+    static uint32_t calls;
+    if (++calls > PATIENCE)
+        stress_fail("a worker waits for ever", workers_alive, keys_sent - keys_taken);
     const irq_guard guard;
     task_unblock_reason(tokens.taker, "stop");
     if (keys_sent == keys_taken)
