@@ -108,6 +108,9 @@ add_disk() {
         say "making an empty disk of $VORN_DISK_MB MB: $VORN_DISK"
         truncate -s "${VORN_DISK_MB}M" -- "$VORN_DISK" || fail "cannot make $VORN_DISK"
     fi
+    # QEMU locks the image it uses.
+    ! grep -q ":$(stat -c %i -- "$VORN_DISK") " /proc/locks ||
+        fail "another machine uses $VORN_DISK: take --disk FILE or --no-disk"
     args+=(-drive "file=${VORN_DISK//,/,,},format=raw,if=none,id=disk0"
         -device "virtio-blk-pci,drive=disk0,disable-modern=on")
 }
