@@ -18,8 +18,7 @@ constexpr uint32_t REAP_INTERVAL = 100;  // ticks
 constexpr int REAP_PER_PASS = 4;
 constexpr uint32_t BOOST_INTERVAL = 10;
 constexpr uint32_t CAUSAL_INTERVAL = 10;
-constexpr uint32_t CAUSAL_LEAD =
-    3;  // events that an overtaking task must be ahead by, and one more
+constexpr uint32_t CAUSAL_LEAD = 3;  // events; whoever overtakes is ahead by more
 constexpr int BOOST_LOWEST_PRIORITY = 6;
 constexpr size_t SWITCH_TEXT_SIZE = sizeof "switch ->" + 2 * (TASK_NAME_SIZE - 1);
 

@@ -26,6 +26,8 @@ protected:
 TEST_F(SchedPass, QuantaGoByPriorityAndEqualsTakeTurns) {
     task("a", 2);
     task("b", 2);
+    sched_start();
+    EXPECT_EQ(ticks(3), "bbb") << "start-up goes on until the boot task yields";
     start();
     EXPECT_EQ(ticks(16), "aaabbbbaaaabbbba");
     task("x", 0);
@@ -83,12 +85,11 @@ TEST_F(SchedPass, ATaskWithMarkedlyMoreEventsOvertakes) {
             causal_event_fmt(CAUSAL_USER, "test", "work pid=%d", t->pid);
     };
     ASSERT_EQ(task_current(), high);
-    act(low, 2);  // with its creation three, as the candidate's one and two more
-    act(first, 0);
+    act(low, 3);  // with its creation three more than the candidate's one
     sched.last_causal_check = system_ticks - 10;
     task_yield();
     EXPECT_EQ(current(), "first");
-    act(low, 2);
+    act(low, 1);
     task_yield();
     EXPECT_EQ(current(), "high") << "checked at most every 10 ticks";
     sched.last_causal_check = system_ticks - 10;
@@ -221,8 +222,10 @@ TEST_F(SchedPass, OffloadingHandsOneTaskToEachIdleProcessor) {
     EXPECT_EQ(recorded("offload pid=4 to=cpu3"), 1);
     EXPECT_EQ(fake_lapic.writes.back().second, 0x40FEu);
     EXPECT_EQ(fake_lapic.writes[fake_lapic.writes.size() - 2].second, 6u << 24);
+    task_t* late = task("late", 5);
+    task_set_ap_offloadable(late, true);
     task_yield();
-    EXPECT_EQ(tasks[0]->cpu_affinity, 0) << "once a tick";
+    EXPECT_EQ(late->cpu_affinity, 0) << "once a tick";
     check();
     this_cpu = 3;
     schedule();

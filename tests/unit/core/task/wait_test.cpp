@@ -167,12 +167,13 @@ TEST_F(SchedWait, ExitLeavesAZombieToALivingParentAndOrphansToPidOne) {
     task_create(
         "child", [] { task_set_exit_status(9); }, 3);
     task_create(
-        "free", [] { task_current()->detached = true; }, 3);
+        "free", [] { task_current()->detached = true; }, 2);
     for (pid_t pid : {2, 3})
         task_find_by_pid(pid)->parent_pid = 1;
     task_t* parent = task_find_by_pid(1);
     parent->waiting_for_pid = -1;
     task_yield();  // the parent blocks, the child exits and wakes it
+    EXPECT_EQ(task_find_by_pid(3)->state, TASK_DEAD) << "nobody is asked about a detached task";
     EXPECT_EQ(recorded("exit pid=2 status=9 name=child"), 1);
     EXPECT_EQ(recorded("unblock pid=1 reason=child_exit"), 1);
     EXPECT_EQ(parent->sig_pending, 1u << 17);
@@ -182,7 +183,7 @@ TEST_F(SchedWait, ExitLeavesAZombieToALivingParentAndOrphansToPidOne) {
         ticks(1);
     settle();
     EXPECT_EQ(recorded("reap pid=2"), 1);
-    EXPECT_EQ(ended, "x2x1x3r1r2r3");
+    EXPECT_EQ(ended, "x3x2x1r1r2r3");
     EXPECT_THROW(task_exit(), machine_halted) << "the boot task cannot end";
     machine().interrupts_on = true;
 }
