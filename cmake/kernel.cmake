@@ -61,3 +61,5 @@ file(GLOB VORN_BENCH_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/bench/guest/*
 if(VORN_BENCH_SOURCES)
   vorn_image(vorn-bench ${VORN_BENCH_SOURCES})
 endif()
+
+include(cmake/constant_time.cmake)
