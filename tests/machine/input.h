@@ -8,11 +8,10 @@
 #include "tests/machine/machine.h"
 
 /// Bytes wait in `keys` and `serial` until the kernel reads them; an empty 8042 gives its last byte
-/// again. The transmitter swallows everything into `sent`.
+/// again.
 class input_ports : public port_device {
 public:
     std::deque<uint8_t> keys, serial;
-    std::string sent;
     uint8_t config = 0x30;  ///< of the 8042: clocks off, no interrupt, no translation
     uint8_t command = 0;
     uint8_t serial_interrupts = 0;
@@ -41,8 +40,6 @@ public:
             config = byte;
         if (port == 0x3F9)
             line_raised += (serial_interrupts = byte) != 0 && !serial.empty();
-        if (port == 0x3F8)
-            sent += static_cast<char>(byte);
     }
     /// Puts scancodes into the 8042, one interrupt each.
     void press(std::initializer_list<uint8_t> scancodes) {

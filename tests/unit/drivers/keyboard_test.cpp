@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "arch/x86/switch.h"
-#include "kernel/core/kprintf.h"
 #include "kernel/core/task.h"
 #include "kernel/graph/causal.h"
 #include "tests/machine/input.h"
@@ -47,21 +44,15 @@ protected:
     }
 };
 
-TEST_F(Keyboard, SetUpEnablesFirstPortItsInterruptAndTranslation) {
+TEST_F(Keyboard, ProgramsTheControllerIfThereIsOne) {
     EXPECT_EQ(ports.config, 0x61);
     EXPECT_EQ(ports.serial_interrupts, 1);
-    EXPECT_TRUE(ports.keys.empty());
-}
-
-TEST_F(Keyboard, SurvivesMissingDevices) {
     machine_reset();
     keyboard_init();
     keyboard_flush();
-    EXPECT_FALSE(keyboard_has_input());
+    input_ports::interrupt(1);
+    input_ports::interrupt(4);
     EXPECT_EQ(keyboard_poll_scancode(), -1);
-    registers_t regs = {};
-    kb_irq_handler(&regs);
-    serial_irq_handler(&regs);
     EXPECT_FALSE(keyboard_has_input());
 }
 
@@ -82,26 +73,19 @@ TEST_F(Keyboard, AnswersTheUsLayout) {
 }
 
 TEST_F(Keyboard, CombinesCtrlShiftAndCapsLock) {
-    const struct {
-        bool ctrl, shift, caps;
-        char letter;
-    } cases[] = {
-        {false, false, false, 'a'}, {false, true, false, 'A'}, {false, false, true, 'A'},
-        {false, true, true, 'a'},   {true, false, false, 1},   {true, true, false, 'A'},
-        {true, false, true, 1},     {true, true, true, 1},
-    };
-    for (const auto& c : cases) {
-        keyboard_init();
-        if (c.caps)
+    std::string letters;
+    for (const bool caps : {false, true}) {
+        if (caps)
             ports.press({CAPS, CAPS | UP});
-        if (c.ctrl)
-            ports.press({CTRL});
-        if (c.shift)
-            ports.press({SHIFT});
-        ports.press({KEY_A, 0x02});
-        EXPECT_EQ(keys(), std::string(1, c.letter) + (c.shift ? '!' : '1'))
-            << c.ctrl << c.shift << c.caps;
+        ports.press({KEY_A, SHIFT, KEY_A, SHIFT | UP, CTRL, KEY_A, SHIFT, KEY_A});
+        ports.press({SHIFT | UP, CTRL | UP});
+        letters += keys();
     }
+    EXPECT_EQ(letters,
+              "aA\x01\x41"
+              "Aa\x01\x01");
+    ports.press({0x02, SHIFT, 0x02});  // no letter: Caps Lock leaves it alone
+    EXPECT_EQ(keys(), "1!");
 }
 
 TEST_F(Keyboard, ExtendedKeysGiveCodesAndTouchNoModifier) {
@@ -130,7 +114,7 @@ TEST_F(Keyboard, RingsDropTheNewest) {
     EXPECT_EQ(scancodes, 63);
 }
 
-TEST_F(Keyboard, RawScancodesAreKeptInjectedPolledAndFlushed) {
+TEST_F(Keyboard, RawScancodesAreKeptInjectedPolledFlushedAndSuppressed) {
     ports.press({0xE0, 0x48, 0xC8});
     keyboard_inject_scancode(0x77);
     for (const int expected : {0xE0, 0x48, 0xC8, 0x77, -1})
@@ -146,45 +130,32 @@ TEST_F(Keyboard, RawScancodesAreKeptInjectedPolledAndFlushed) {
     EXPECT_TRUE(ports.keys.empty());
     EXPECT_EQ(keyboard_poll_scancode(), -1);
     EXPECT_FALSE(keyboard_has_input());
-}
-
-TEST_F(Keyboard, SuppressionReachesBothRings) {
     keyboard_suppress(true);
     ports.press({KEY_A, SHIFT});
-    EXPECT_EQ(keyboard_poll_scancode(), -1);
     keyboard_suppress(false);
+    EXPECT_EQ(keyboard_poll_scancode(), -1);
     ports.press({KEY_A});
     EXPECT_EQ(keys(), "a");
 }
 
 TEST_F(Keyboard, ParsesTheSerialLine) {
-    const struct {
-        std::string_view bytes, expected;
-    } cases[] = {
+    const std::pair<std::string_view, std::string_view> cases[] = {
         {"\x1b[A\x1b[B\x1b[C\x1b[D\x1b[H\x1b[F", "\x80\x81\x83\x82\x84\x85"},
-        {"\x1b[3~x", "\x86x"},
-        {"\x1b[3x", "\x86x"},
-        {"\x1b[3\x1b[A", "\x86\x80"},
-        {"~\x1bx\x1b[Z~", "~x~"},
-        {"\r\x7f\b\t\n", "\n\b\b\t\n"},
-        {"\x1b\r", "\n"},
+        {"\x1b[3~x\x1b[3x\x1b[3\x1b[A", "\x86x\x86x\x86\x80"},
+        {"~\x1bx\x1b[Z~\r\x7f\b\t\n\x1b\r", "~x~\n\b\b\t\n\n"},
     };
-    for (const auto& c : cases) {
-        ports.type(c.bytes);
-        EXPECT_EQ(keys(), c.expected);
-        for (const char byte : c.bytes)  // the same, cut at each byte
+    for (const auto& [bytes, expected] : cases) {
+        ports.type(bytes);
+        EXPECT_EQ(keys(), expected);
+        for (const char byte : bytes)  // the same, cut at each byte
             ports.type({&byte, 1});
-        EXPECT_EQ(keys(), c.expected);
+        EXPECT_EQ(keys(), expected);
     }
     ports.type(std::string_view("a\0b", 3));
     EXPECT_EQ(keys(), "ab");
-}
-
-TEST_F(Keyboard, ABurstBeyondTheBoundRaisesTheLineAgain) {
-    ports.type(std::string(300, 'x'));
+    ports.type(std::string(300, 'x'));  // beyond the bound of one interrupt, which comes again
     EXPECT_EQ(ports.serial.size(), 44u);
     EXPECT_EQ(ports.line_raised, 1);
-    EXPECT_EQ(ports.serial_interrupts, 1);
 }
 
 TEST_F(Keyboard, ATaskBlocksUntilAKeyComesAndStandsBehindIt) {
@@ -196,9 +167,7 @@ TEST_F(Keyboard, ATaskBlocksUntilAKeyComesAndStandsBehindIt) {
     EXPECT_EQ(reader->state, TASK_BLOCKED);
     EXPECT_TRUE(other->waiting_for_input);
     ports.press({KEY_A});
-    EXPECT_FALSE(reader->waiting_for_input);
-    EXPECT_EQ(reader->state, TASK_READY);
-    EXPECT_EQ(other->state, TASK_READY);
+    EXPECT_FALSE(reader->waiting_for_input || other->waiting_for_input);
 
     // The key is a root; the wake-up joins it with what the task did before.
     const causal_event_t* wake = causal_get(reader->causal_ctx);
@@ -207,14 +176,11 @@ TEST_F(Keyboard, ATaskBlocksUntilAKeyComesAndStandsBehindIt) {
     ASSERT_EQ(wake->num_parents, 2);
     const causal_event_t* key = causal_get(std::max(wake->parents[0], wake->parents[1]));
     EXPECT_STREQ(key->desc, "key pressed scancode=0x1e");
-    EXPECT_STREQ(key->subsystem, "keyboard");
-    EXPECT_EQ(key->type, CAUSAL_IO);
     EXPECT_EQ(key->num_parents, 0);
 
     schedule();
     EXPECT_EQ(received, "a");  // one got it, both wait again
-    EXPECT_TRUE(reader->waiting_for_input);
-    EXPECT_TRUE(other->waiting_for_input);
+    EXPECT_TRUE(reader->waiting_for_input && other->waiting_for_input);
     const uint32_t events = causal_total_events();
     ports.type("bcde");
     EXPECT_EQ(causal_total_events(), events + 2);  // two wake-ups, no key
@@ -226,22 +192,6 @@ TEST_F(Keyboard, ATaskBlocksUntilAKeyComesAndStandsBehindIt) {
     EXPECT_EQ(causal_get(other->causal_ctx)->num_parents, 1);
     schedule();
     EXPECT_EQ(received, "abcdef");
-}
-
-TEST_F(Keyboard, RandomInputDoesNoHarm) {
-    const uint32_t seed = std::random_device{}();
-    SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    for (int i = 0; i < 10000; ++i) {
-        const auto byte = static_cast<char>(random());
-        ports.press({static_cast<uint8_t>(random())});
-        ports.type(random() % 4 == 0 ? std::string_view("\x1b[3") : std::string_view(&byte, 1));
-        if (random() % 8 == 0)
-            keys();
-    }
-    keys();
-    ports.type("~~\n");
-    EXPECT_EQ(keys().back(), '\n');
 }
 
 }  // namespace
