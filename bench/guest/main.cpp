@@ -117,30 +117,33 @@ void measure_interrupt() {
 
 constexpr uint32_t SWITCHES = 1000;
 volatile bool partner_stops;
+volatile bool switches_recorded;
 
-/// Leaves the processor as a task does that has recorded something, so that the switch is recorded.
-void yield_recorded() {
-    running().recorded = true;
+/// Leaves the processor; where switches are recorded, as a task does that has recorded something.
+void leave_processor() {
+    running().recorded = switches_recorded;
     task_yield();
 }
 
 void partner_task() {
     while (!partner_stops)
-        yield_recorded();
+        leave_processor();
+}
+
+void measure_switches(const char* name, bool recorded) {
+    switches_recorded = recorded;
+    measure(name, 2 * SWITCHES, [] {
+        for (uint32_t i = 0; i < SWITCHES; ++i)
+            leave_processor();
+    });
 }
 
 void measure_switch() {
     task_create("partner", partner_task, 4);
     sched_start();
     task_yield();
-    measure("switch-recorded", 2 * SWITCHES, [] {
-        for (uint32_t i = 0; i < SWITCHES; ++i)
-            yield_recorded();
-    });
-    measure("switch-unrecorded", 2 * SWITCHES, [] {
-        for (uint32_t i = 0; i < SWITCHES; ++i)
-            task_yield();
-    });
+    measure_switches("switch-recorded", true);
+    measure_switches("switch-unrecorded", false);
     partner_stops = true;
     task_yield();
 }
