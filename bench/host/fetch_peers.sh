@@ -7,9 +7,9 @@ dir=$1
 mkdir -p "$dir/lists/partial" "$dir/debs" || exit 0
 cd "$dir/debs" || exit 0
 apt() {
-    apt-get -qq -o APT::Architecture=i386 -o APT::Architectures=i386 \
-        -o Dir::State::lists="$dir/lists" -o Dir::State::status=/dev/null -o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache= \
-        -o APT::Sandbox::User=root "$@"
+    apt-get -qq -o APT::Architecture=i386 -o APT::Architectures=i386 -o APT::Sandbox::User=root \
+        -o Dir::State::lists="$dir/lists" -o Dir::State::status=/dev/null \
+        -o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache= "$@"
 }
 # A list that does not arrive leaves those of the other sources.
 apt update >"$dir/log" 2>&1
