@@ -5,7 +5,9 @@
 # symbols of those names get the prefix vorn_ after compilation.
 
 set(GTEST_SOURCES /usr/src/googletest/googletest)
-set(VORN_HOST_FLAGS -m32 -O1 -g -fno-omit-frame-pointer
+# The kernel's sources are optimised a little, so that inlining shows what it hides; the tests are
+# not, which halves the time that they take to compile.
+set(VORN_HOST_FLAGS -m32 -g1 -fno-omit-frame-pointer
   -fsanitize=address,undefined -fno-sanitize-recover=all)
 
 add_library(gtest32 STATIC ${GTEST_SOURCES}/src/gtest-all.cc ${GTEST_SOURCES}/src/gtest_main.cc)
@@ -22,7 +24,7 @@ target_compile_options(vorn_host_flags INTERFACE ${VORN_HOST_FLAGS} ${VORN_WARNI
 
 add_library(vorn_host_raw STATIC ${VORN_KERNEL_SOURCES} ${CMAKE_SOURCE_DIR}/arch/x86/hal.cpp)
 target_link_libraries(vorn_host_raw PRIVATE vorn_host_flags)
-target_compile_options(vorn_host_raw PRIVATE
+target_compile_options(vorn_host_raw PRIVATE -O1
   -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-builtin -fno-tree-loop-distribute-patterns)
 
 set(VORN_OWN_SYMBOLS ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.txt)
@@ -36,5 +38,7 @@ file(GLOB VORN_MACHINE_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/machi
 file(GLOB_RECURSE VORN_UNIT_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/unit/*.cpp)
 add_executable(vorn_unit ${VORN_UNIT_SOURCES} ${VORN_MACHINE_SOURCES})
 add_dependencies(vorn_unit vorn_host_renamed)
-target_compile_options(vorn_unit PRIVATE -include ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.h)
+# Before every test source: our names beside the C library's, and the test library, compiled once.
+target_precompile_headers(vorn_unit PRIVATE
+  ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.h <gtest/gtest.h>)
 target_link_libraries(vorn_unit PRIVATE vorn_host_flags gtest32 ${VORN_HOST_LIB})
