@@ -52,6 +52,12 @@ endfunction()
 
 vorn_image(vorn ${VORN_MAIN_SOURCE})
 
+# The same system behind a loader that it must refuse.
+vorn_image(vorn-wrong-loader ${VORN_MAIN_SOURCE} ${CMAKE_SOURCE_DIR}/tests/boot/wrong_loader.S)
+foreach(target vorn-wrong-loader_bare vorn-wrong-loader)
+  target_link_options(${target} PRIVATE -Wl,--entry=wrong_loader)
+endforeach()
+
 # Images with a start-up of their own, where their sources are there.
 file(GLOB VORN_STRESS_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/stress/*.cpp)
 if(VORN_STRESS_SOURCES)

@@ -42,7 +42,7 @@ MAY_TOUCH_HARDWARE = re.compile(
 UNWANTED = re.compile(
     r"\b(TODO|FIXME|XXX)\b"
     r"|(?<!Multiboot )(?<!ACPI )(?<!PCI )(?<!virtio )(?<!ELF )\b[Ss]pec(ification)?s?\b"
-    r"|\bPart \d+(\.\d+)?\b|/work/|\b[Ii]ssue #?\d+\b")
+    r"|\bPart \d+(\.\d+)?\b|\b[Ii]ssue #?\d+\b")
 
 
 def floor_of(path):
