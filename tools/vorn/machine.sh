@@ -132,7 +132,7 @@ add_network() {
 add_gdb() {
     [ -n "$VORN_GDB" ] || return 0
     free_port gdb "$VORN_GDB_PORT"
-    echo "$port" >build/gdb.port
+    echo "$port $$" >build/gdb.port  # QEMU keeps this process id
     args+=(-S -gdb "tcp:127.0.0.1:$port")
     say "waiting for ./vorn gdb"
 }
