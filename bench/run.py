@@ -13,7 +13,7 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BENCH_IMAGE = ROOT / "build" / "vorn-bench.elf"
-CRYPTO_BENCH = ROOT / "build" / "bench" / "crypto_bench"
+HOST_BENCHES = [ROOT / "build" / "bench" / name for name in ("event_bench", "crypto_bench")]
 IMAGE = ROOT / "build" / "vorn.elf"
 QEMU = os.environ.get("VORN_QEMU", "qemu-system-i386")
 PROMPT = b"vorn:/$ "
@@ -158,9 +158,10 @@ def main():
     print_guest()
     print_boot()
     print_idle()
-    if CRYPTO_BENCH.exists():
-        sys.stdout.flush()
-        subprocess.run([CRYPTO_BENCH], check=True)
+    sys.stdout.flush()
+    for bench in HOST_BENCHES:
+        if bench.exists():
+            subprocess.run([bench], check=True)
 
 
 if __name__ == "__main__":
