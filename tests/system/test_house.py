@@ -11,7 +11,7 @@ import time
 import pexpect
 import pytest
 
-from rig import ROOT
+from rig import PROMPT, ROOT
 
 VORN = str(ROOT / "vorn")
 
@@ -117,9 +117,28 @@ def test_shot_saves_the_screen(tmp_path):
     assert (tmp_path / "screen.png").read_bytes().startswith(b"\x89PNG")
 
 
-def test_gdb_attaches_with_symbols():
-    done = vorn("gdb", "-batch", "-ex", "hbreak kernel_main", "-ex", "continue", "-ex", "bt 1")
-    assert re.search(r"#0 +kernel_main \(magic=\d+", done.stdout), done
+def test_run_gives_the_terminal_to_the_console_until_ctrl_a_x():
+    terminal = pexpect.spawn(VORN, ["run", "--no-disk", "--no-net"], timeout=60, encoding="utf-8",
+                             codec_errors="replace")
+    terminal.expect_exact("Ctrl-a x")
+    terminal.expect(PROMPT)
+    terminal.send("echo typed here\r")
+    terminal.expect("\ntyped here\r")
+    terminal.send("\x01x")
+    terminal.expect(pexpect.EOF)
+    terminal.close()
+    assert terminal.exitstatus == 0
+
+
+def test_gdb_attaches_with_symbols_to_a_waiting_machine_and_to_its_own():
+    waiting = pexpect.spawn(VORN, ["run", "--gdb", "--no-disk", "--no-net"], timeout=60)
+    waiting.expect_exact("Ctrl-a x")
+    for where in ("waiting machine", "machine of its own"):
+        done = vorn("gdb", "-batch", "-ex", "hbreak kernel_main", "-ex", "continue", "-ex", "bt 1",
+                    "-ex", "kill")
+        assert re.search(r"#0 +kernel_main \(magic=\d+", done.stdout), (where, done)
+        assert ("starting one" in done.stderr) == (where != "waiting machine"), done
+    waiting.expect(pexpect.EOF)
 
 
 HEAD = '#pragma once\n\n#include "kernel/core/compiler.h"\n\n'
