@@ -21,6 +21,12 @@ def vorn(*words, **variables):
                           capture_output=True, stdin=subprocess.DEVNULL, timeout=300, check=False)
 
 
+@pytest.fixture(autouse=True)
+def no_machine_runs(tmp_path, monkeypatch):
+    """A machine that somebody else runs in this folder is not ours to see."""
+    monkeypatch.setenv("VORN_QMP", str(tmp_path / "qmp"))
+
+
 @pytest.fixture
 def fake_qemu(tmp_path):
     """A QEMU that prints its arguments and its process id, and then does what `body` says."""

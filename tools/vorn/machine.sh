@@ -19,13 +19,15 @@ free_port() {
     [ "$port" = "$2" ] || say "port $2 ($1) is busy: using $port"
 }
 
+is_running() { grep -q . "/proc/$1/cmdline" 2>/dev/null; }  # not so one that ended unnoticed
+
 socket_live() { grep -q " $PWD/$1\$\| $1\$" /proc/net/unix 2>/dev/null && [ -S "$1" ]; }
 
 # wait_for FILE TEXT SECONDS PID: until FILE holds TEXT; fails when the time is up or PID ended.
 wait_for() {
     local until=$((SECONDS + $3))
     while ! grep -qF -- "$2" "$1" 2>/dev/null; do
-        kill -0 "$4" 2>/dev/null || { cat "$1.qemu" >&2; return 1; }
+        is_running "$4" || { cat "$1.qemu" >&2; return 1; }
         [ "$SECONDS" -le "$until" ] || return 1
         sleep 0.1
     done
