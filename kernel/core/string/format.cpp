@@ -40,10 +40,14 @@ struct arguments_t {
 }
 
 /// Copies what stands before the next conversion and moves `*fmt` there.
-[[gnu::noinline]] char* put_plain(char* at, char* end, const char** fmt) {
+[[gnu::always_inline]] inline char* put_plain(char* at, char* end, const char** fmt) {
     const char* from = *fmt;
-    while (at < end && *from != '%' && *from != '\0')
-        *at++ = *from++;
+    for (; at < end; ++from) {
+        const auto c = static_cast<uint8_t>(*from);
+        if (c <= '%' && (c == '%' || c == '\0'))
+            break;
+        *at++ = static_cast<char>(c);
+    }
     *fmt = from;
     return at;
 }
@@ -145,9 +149,9 @@ char* put_pointer(char* at, char* end, uint32_t value) {
     return put_hex(at, end, c, value, false);
 }
 
-[[gnu::noinline]] char* put_whole(char* at, char* end, const char* s) {
-    while (at < end && *s != '\0')
-        *at++ = *s++;
+[[gnu::always_inline]] inline char* put_whole(char* at, char* end, const char* s) {
+    for (char c = *s; at < end && c != '\0'; c = *++s)
+        *at++ = c;
     return at;
 }
 
@@ -164,6 +168,39 @@ char* put_string(char* at, char* end, const conversion_t& c, const char* s) {
         at = put_pad(at, end, ' ', padding);
     at = put_bytes(at, end, s, length);
     return padding > 0 && c.left ? put_pad(at, end, ' ', padding) : at;
+}
+
+/// How many decimal digits `value` has.
+int decimal_width(uint32_t value) {
+    if (value < 10)
+        return 1;
+    if (value < 100)
+        return 2;
+    int width = 2;
+    for (value /= 100; value != 0; value /= 10)
+        ++width;
+    return width;
+}
+
+/// The conversions that nearly every text is made of, "%s", "%u" and "%d" without flags, straight
+/// into the buffer; null when it is another one, or may lack room.
+[[gnu::always_inline]] inline char* put_bare(char* at, char* end, char conversion,
+                                             arguments_t& args) {
+    constexpr int WIDEST = 11;
+    if (conversion == 's') {
+        const char* s = va_arg(args.ap, const char*);
+        return put_whole(at, end, s != nullptr ? s : "(null)");
+    }
+    if ((conversion != 'u' && conversion != 'd') || end - at < WIDEST)
+        return nullptr;
+    auto value = va_arg(args.ap, uint32_t);
+    if (conversion == 'd' && value >> 31 != 0) {
+        *at++ = '-';
+        value = 0 - value;
+    }
+    char* const last = at + decimal_width(value);
+    decimal_digits(value, last);
+    return last;
 }
 
 /// An unknown conversion stands as it was written, if it fits whole.
@@ -236,6 +273,22 @@ char* convert(char* at, char* end, const conversion_t& c, char conversion, argum
     }
 }
 
+/// Any conversion, `*fmt` standing behind its "%"; moves `*fmt` behind it.
+[[gnu::noinline]] char* put_conversion(char* at, char* end, const char** fmt, arguments_t& args) {
+    conversion_t c;
+    const char* from = *fmt;
+    // Flags, digits and the point stand before the letters.
+    if (*from < 'A' || *from == 'l')
+        from = parse_conversion(from, &c);
+    *fmt = from;
+    if (*from == '\0') {
+        *at++ = '%';
+        return at;
+    }
+    ++*fmt;
+    return convert(at, end, c, *from, args);
+}
+
 }  // namespace
 
 int kvsnprintf(char* buf, size_t size, const char* fmt, va_list ap) {
@@ -247,16 +300,14 @@ int kvsnprintf(char* buf, size_t size, const char* fmt, va_list ap) {
         at = put_plain(at, end, &fmt);
         if (*fmt == '\0' || at >= end)
             break;
-        conversion_t c;
         ++fmt;
-        // Flags, digits and the point stand before the letters.
-        if (*fmt < 'A' || *fmt == 'l')
-            fmt = parse_conversion(fmt, &c);
-        if (*fmt == '\0') {
-            *at++ = '%';
-            break;
+        char* const next = put_bare(at, end, *fmt, args);
+        if (next != nullptr) {
+            at = next;
+            ++fmt;
+        } else {
+            at = put_conversion(at, end, &fmt, args);
         }
-        at = convert(at, end, c, *fmt++, args);
     }
     va_end(args.ap);
     *at = '\0';
