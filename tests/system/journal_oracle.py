@@ -1,0 +1,237 @@
+"""An independent reader and judge of journals: it shares no code with the kernel and the host tools,
+and knows only the formats that docs/formats describes. The tests hold ours against it.
+
+judge(files) gives 0 (sound and signed), 1 (bad) or 4 (sound as far as it can be told, but not all
+signed), which are the auditor's exit codes.
+"""
+import hashlib
+import re
+import struct
+
+from cryptography.exceptions import InvalidSignature
+from cryptography.hazmat.primitives.asymmetric.ed25519 import (Ed25519PrivateKey,
+                                                               Ed25519PublicKey)
+from cryptography.hazmat.primitives.serialization import Encoding, PublicFormat
+
+SECTOR = 512
+SOUND, BAD, UNSEALED = 0, 1, 4
+
+SUPER = struct.Struct("<8I")
+INODE = struct.Struct("<2I12II64s5I")
+HEADER = struct.Struct("<5I2Q2I")
+RECORD = struct.Struct("<IIQIB16s80s4IBHI32sHB")
+FOOTER = struct.Struct("<12I")
+SIDECAR = struct.Struct("<6I")
+ROOT = struct.Struct("<7I32s")
+assert (HEADER.size, RECORD.size, FOOTER.size, SIDECAR.size, ROOT.size) == (44, 175, 48, 24, 60)
+
+
+# --- The volume -----------------------------------------------------------------------------------
+def read_volume(image):
+    """All files of a volume, by path, read from the bytes of its image."""
+    def sector(n):
+        return image[n * SECTOR:(n + 1) * SECTOR]
+
+    def pointers(block):
+        return struct.unpack("<128I", sector(block)) if block else (0,) * 128
+
+    magic, _, _, count, start = SUPER.unpack_from(image)[:5]
+    assert magic == 0x564F4653, "no volume"
+    inodes = [INODE.unpack_from(sector(start + n)) for n in range(count)]
+    names = [fields[15].split(b"\0")[0].decode("latin-1") for fields in inodes]
+
+    def path(n):
+        return "" if n == 0 else f"{path(inodes[n][14])}/{names[n]}"
+
+    files = {}
+    for n, fields in enumerate(inodes):
+        if fields[0] != 1:
+            continue
+        blocks = list(fields[2:14]) + list(pointers(fields[16]))
+        for leaf in pointers(fields[20]):
+            if len(blocks) * SECTOR < fields[1]:
+                blocks += pointers(leaf)
+        files[path(n)] = b"".join(map(sector, blocks[:-(-fields[1] // SECTOR)]))[:fields[1]]
+    return files
+
+
+# --- Hashes ---------------------------------------------------------------------------------------
+def checksum(data):
+    value = 0x811C9DC5
+    for byte in data:
+        value = (value ^ byte) * 0x01000193 & 0xFFFFFFFF
+    return value or 1
+
+
+def blake2s(data):
+    return hashlib.blake2s(data).digest()
+
+
+def event_hash(record, version=4):
+    """The hash of a record in the current layout."""
+    (number, node, lamport, ticks, kind, subsystem, desc, p0, p1, p2, p3, parents, _, size, payload,
+     schema, schema_version) = RECORD.unpack(record)
+    named = [p if i < min(parents, 4) else 0 for i, p in enumerate((p0, p1, p2, p3))]
+    text = struct.pack("<IIIQII4I", number, node, kind, lamport, ticks, parents, *named)
+    text += subsystem + desc
+    if version >= 2:
+        text = struct.pack("<II", 0x48455643, version) + text
+    if version >= 3:
+        text += struct.pack("<I", size) + payload
+    if version >= 4:
+        text += struct.pack("<II", schema, schema_version)
+    return blake2s(text)
+
+
+def merkle_root(level):
+    while len(level) > 1:
+        level = [blake2s(level[i] + level[min(i + 1, len(level) - 1)])
+                 for i in range(0, len(level), 2)]
+    return level[0] if level else bytes(32)
+
+
+# --- Making ---------------------------------------------------------------------------------------
+def make_record(number, lamport, ticks, desc=b"thing", subsystem=b"test", kind=9, parents=(),
+                node=0, children=0, size=0, payload=bytes(32), schema=(0, 1)):
+    padded = [*parents, 0, 0, 0, 0][:4]
+    return RECORD.pack(number, node, lamport, ticks, kind, subsystem, desc, *padded, len(parents),
+                       children, size, payload, *schema)
+
+
+def make_segment(number, records, previous=0, flags=0):
+    """The segment, sidecar and root files of `records` in the current layout."""
+    fields = [RECORD.unpack(record) for record in records]
+    first, last = fields[0][0], fields[-1][0]
+    ticks = [record[3] for record in fields]
+    body = HEADER.pack(0x434A4E4C, 1, len(records), first, last, fields[0][2], fields[-1][2],
+                       min(ticks), max(ticks)) + b"".join(records)
+    body += FOOTER.pack(0x54464A43, 5, number, len(records), first, last, checksum(body), 44, 175,
+                        48, previous, flags)
+    hashes = [event_hash(record) for record in records]
+    sidecar = SIDECAR.pack(0x48534A43, 4, number, len(records), first, last) + b"".join(hashes)
+    root = ROOT.pack(0x52544A43, 1, number, len(records), first, last, 4, merkle_root(hashes))
+    return body, sidecar, root
+
+
+def make_journal(runs, seed):
+    """The files of a signed journal with one segment for each list of records in `runs`."""
+    key = Ed25519PrivateKey.from_private_bytes(seed)
+    files, previous = {"/causal/node-sign.key": seed}, 0
+    for number, records in enumerate(runs, 1):
+        name = f"/causal/seg-{number:08d}"
+        segment, sidecar, root = make_segment(number, records, previous)
+        files |= {name + ".jnl": segment, name + ".hsh": sidecar, name + ".ert": root,
+                  name + ".sig": key.sign(root[28:])}
+        previous = checksum(segment[:-FOOTER.size])
+    return files
+
+
+# --- Judging --------------------------------------------------------------------------------------
+class Damage(Exception):
+    """What is wrong with a segment."""
+
+
+def require(condition, what):
+    if not condition:
+        raise Damage(what)
+
+
+def padded_text(field):
+    text, _, rest = field.partition(b"\0")
+    return len(text) < len(field) and not rest.strip(b"\0")
+
+
+def check_record(fields):
+    (_, _, _, _, kind, subsystem, desc, *parents, count, _, size, payload, schema,
+     version) = fields
+    require(kind <= 9, "type")
+    require(padded_text(subsystem) and padded_text(desc), "text not in canonical form")
+    require(count <= 4 and not any(parents[count:]), "parents")
+    require(size <= 420 and (size != 0 or payload == bytes(32)), "payload")
+    require(version != 0 or schema == 0, "schema")
+
+
+def check_segment(number, files, name):
+    """The identifiers, checksum, previous checksum, flags and root of a sound segment."""
+    data = files[name + ".jnl"]
+    require(len(data) >= HEADER.size + RECORD.size + FOOTER.size, "size")
+    magic, version, count, first, last, lamport_a, lamport_b, tick_a, tick_b = \
+        HEADER.unpack_from(data)
+    require((magic, version) == (0x434A4E4C, 1) and 1 <= count <= 512, "header")
+    require(len(data) == HEADER.size + count * RECORD.size + FOOTER.size, "size")
+    body = data[:-FOOTER.size]
+    (footer_magic, footer_version, own, footer_count, footer_first, footer_last, stored, *sizes,
+     previous, flags) = FOOTER.unpack(data[-FOOTER.size:])
+    require((footer_magic, footer_version, own) == (0x54464A43, 5, number), "footer")
+    require((footer_count, footer_first, footer_last) == (count, first, last), "footer")
+    require(sizes == [44, 175, 48] and flags in (0, 1), "footer")
+    require(stored == checksum(body), "checksum")
+
+    records = [body[44 + i * 175:44 + (i + 1) * 175] for i in range(count)]
+    fields = [RECORD.unpack(record) for record in records]
+    ids = [record[0] for record in fields]
+    require(ids[0] == first and ids[-1] == last, "ids")
+    require(all(a < b for a, b in zip(ids, ids[1:])) and ids[0] != 0, "order")
+    ticks, lamports = [f[3] for f in fields], [f[2] for f in fields]
+    require((tick_a, tick_b) == (min(ticks), max(ticks)), "ticks")
+    require((lamport_a, lamport_b) == (lamports[0], lamports[-1]), "lamport")
+    require(all(lamport_a <= l <= lamport_b for l in lamports), "lamport")
+    for record in fields:
+        check_record(record)
+
+    hashes = [event_hash(record) for record in records]
+    head = (number, count, first, last)
+    sidecar, root = files.get(name + ".hsh"), files.get(name + ".ert")
+    require(sidecar is not None and root is not None, "companion missing")
+    require(sidecar == SIDECAR.pack(0x48534A43, 4, *head) + b"".join(hashes), "sidecar")
+    require(root == ROOT.pack(0x52544A43, 1, *head, 4, merkle_root(hashes)), "root")
+    return ids, checksum(body), previous, flags, root[28:]
+
+
+def is_signed(files, name, root, key):
+    signature = files.get(name + ".sig", b"")
+    if len(signature) != 64:
+        return False
+    require(key is not None, "a signature without a key")
+    try:
+        key.verify(signature, root)
+    except InvalidSignature:
+        raise Damage("signature") from None
+    return True
+
+
+def judge(files, public=None):
+    """The verdict on the journal among `files`; `public` stands in for the key file's own half."""
+    if public is None and len(files.get("/causal/node-sign.key", b"")) == 32:
+        seed = Ed25519PrivateKey.from_private_bytes(files["/causal/node-sign.key"])
+        public = seed.public_key().public_bytes(Encoding.Raw, PublicFormat.Raw)
+    key = Ed25519PublicKey.from_public_bytes(public) if public else None
+    numbers = sorted(int(found.group(1)) for path in files
+                     if (found := re.fullmatch(r"/causal/seg-(\d{8})\.jnl", path)))
+    unsigned = not numbers
+    chain = newest = None
+    try:
+        for number in numbers:
+            name = f"/causal/seg-{number:08d}"
+            ids, own, previous, flags, root = check_segment(number, files, name)
+            require(chain is None or chain[0] + 1 == number, "a segment is missing")
+            if number == 1:
+                require(previous == 0, "chain")
+            elif chain is not None:
+                require(previous == chain[1], "chain")
+            chain = number, own
+            if flags == 0:
+                newest = check_order(ids, newest)
+            unsigned = not is_signed(files, name, root, key) or unsigned
+    except Damage:
+        return BAD
+    return UNSEALED if unsigned else SOUND
+
+
+def check_order(ids, newest):
+    """Identifiers go on where the segment before ended; an event spilled alone may run ahead."""
+    if newest is None or len(ids) == 1:
+        return newest if newest is not None and len(ids) == 1 and ids[0] != newest + 1 else ids[-1]
+    require(ids[0] == newest + 1, "identifiers are missing")
+    require(ids[-1] - ids[0] + 1 == len(ids), "identifiers are missing")
+    return ids[-1]
