@@ -19,6 +19,8 @@
 #include "kernel/drivers/dmesg.h"
 #include "kernel/drivers/hwrng.h"
 #include "kernel/drivers/keyboard.h"
+#include "kernel/drivers/pci.h"
+#include "kernel/drivers/virtio_blk.h"
 #include "kernel/graph/causal.h"
 
 namespace {
@@ -78,6 +80,20 @@ void start_memory(multiboot_info_t* info) {
     kprintf("[boot] VMM: Paging enabled, 128 MB identity mapped\n");
     heap_init();
     kprintf("[boot] Heap initialized (48 MB)\n");
+}
+
+void start_bus() {
+    pci_init();
+    kprintf("[boot] PCI bus scanned (%d devices found)\n", pci_device_count_get());
+}
+
+/// Without a disk everything that needs none goes on.
+void start_storage() {
+    constexpr int MB_SHIFT = 20;
+    if (blk_init() != 0)
+        return;
+    kprintf("[boot] VirtIO block device ready (%llu MB)\n",
+            blk_capacity() * BLK_SECTOR_SIZE >> MB_SHIFT);
 }
 
 /// The console's question where the running task's output goes.
@@ -140,7 +156,9 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     start_memory(info);
     causal_init();
     causal_emit(CAUSAL_SCHED, "boot", "kernel boot started", nullptr, 0);
+    start_bus();
     start_tasks();
+    start_storage();
     start_timer();
     hwrng_init();
     noise_init();

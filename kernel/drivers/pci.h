@@ -1,5 +1,5 @@
-// The machine's PCI functions, found once at start-up through configuration mechanism 1 (PCI Local
-// Bus Specification 3.0, 3.2.2.3), and access to their configuration registers.
+// The machine's PCI functions, found once at start-up through configuration mechanism 1 (PCI
+// specification 3.0, 3.2.2.3), and access to their configuration registers.
 //
 // The table is filled by pci_init and only read afterwards. An access to configuration space is two
 // port accesses under an irq_guard: any context of processor 0.
@@ -51,3 +51,6 @@ uint32_t pci_get_bar(const pci_device_t* dev, int index);
 
 /// Lets the device access memory by itself: sets bit 2 of its command register. Null is ignored.
 void pci_enable_bus_mastering(const pci_device_t* dev);
+
+/// Keeps the device from accessing memory by itself. Null is ignored.
+void pci_disable_bus_mastering(const pci_device_t* dev);

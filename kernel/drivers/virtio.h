@@ -1,5 +1,5 @@
-// The legacy virtio transport (Virtual I/O Device specification 0.9.5, 2): a device behind I/O
-// ports, and split rings in memory that it shares with the driver.
+// The legacy virtio transport (virtio specification 0.9.5, 2): a device behind I/O ports, and
+// split rings in memory that it shares with the driver.
 //
 // Kernel memory is identity-mapped, so the address of a buffer is what the device is told. A ring
 // belongs to its driver, which lets one task at a time near it; nothing here takes a lock. What the

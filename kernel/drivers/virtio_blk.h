@@ -1,6 +1,6 @@
-// The disk: a legacy virtio block device (Virtual I/O Device specification 0.9.5, appendix D),
-// polled. One request is in progress at a time, under a sleeping mutex that is the last of the
-// storage locks; interrupts stay on while it waits.
+// The disk: a legacy virtio block device (virtio specification 0.9.5, appendix D), polled.
+// One request is in progress at a time, under a sleeping mutex that is the last of the storage
+// locks; interrupts stay on while it waits.
 //
 // A request that the device does not complete ends with a reset of the device: after a call has
 // returned, the device touches neither its buffer nor anything else of it. All events are

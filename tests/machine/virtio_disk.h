@@ -62,6 +62,7 @@ private:
 enum class disk_lie {
     none,
     id_beyond,      ///< a descriptor number outside the table
+    id_huge,        ///< the greatest number there is
     id_other,       ///< a descriptor number that was not handed out
     id_middle,      ///< the number of the chain's second descriptor
     index_ahead,    ///< a used index that has run far ahead
@@ -104,7 +105,7 @@ public:
 
 protected:
     void notified(int queue) override;
-    void was_reset() override { held_.clear(); }
+    void was_reset() override;
     uint8_t config(uint32_t offset) const override;
 
 private:
@@ -112,6 +113,7 @@ private:
     void complete(const chain_t& chain);
     bool carry_out(uint32_t type, uint64_t sector, const buffer_t& data);
     void tell(const chain_t& chain, uint32_t len);
+    chain_t current_;  ///< kept for its memory
     std::vector<chain_t> held_;
     uint32_t polls_ = 0;
     bool logging_ = false;

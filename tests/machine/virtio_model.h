@@ -54,6 +54,7 @@ protected:
     virtual uint8_t config(uint32_t offset) const = 0;
 
 private:
+    void set_status(uint8_t value);
     uint16_t base_ = 0, selected_ = 0;
     std::array<uint16_t, 4> taken_ = {};
 };
