@@ -16,7 +16,8 @@ def pytest_runtest_makereport(item):
 @pytest.fixture
 def machine(request, tmp_path):
     """Boots machines: machine(memory=64, disk=False, ...) with Machine's options, and waits for
-    the first prompt unless prompt=False. Each has a fresh disk; all end with the test."""
+    the first prompt unless prompt=False. Each has a fresh disk unless it is given that of a closed
+    machine: machine(disk=one.disk). All end with the test."""
     started = []
 
     def boot(prompt=True, **options):

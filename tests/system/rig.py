@@ -50,10 +50,43 @@ def chord_of(character):
     return "shift+" + key if plain != character else key
 
 
+class Disk:
+    """A disk of `size` bytes: a sparse image, made at its first boot in that machine's folder.
+
+    It may be booted again once its machine is closed: machine(disk=one.disk). `cache` is QEMU's
+    mode; only a test about durability needs another one than "unsafe".
+    """
+
+    def __init__(self, size=64 << 20, cache="unsafe", path=None):
+        self.size, self.cache, self.path = size, cache, path
+
+    def attach(self, folder):
+        """QEMU's arguments; the image is there."""
+        self.path = pathlib.Path(self.path or folder / "disk.img")
+        if not self.path.exists():
+            with open(self.path, "wb") as image:
+                image.truncate(self.size)
+        return ["-drive", f"file={self.path},format=raw,if=none,id=disk0,cache={self.cache}",
+                "-device", "virtio-blk-pci,drive=disk0,disable-modern=on"]
+
+    def read(self, offset, size):
+        """`size` bytes of the image; no machine runs on it."""
+        with open(self.path, "rb") as image:
+            image.seek(offset)
+            return image.read(size)
+
+    def write(self, offset, data):
+        """Changes the image; no machine runs on it."""
+        with open(self.path, "r+b") as image:
+            image.seek(offset)
+            image.write(data)
+
+
 class Machine:
     """One machine, started by the constructor; `close` ends it.
 
-    memory (MB), cpus, disk (False: none), net (False: no card), image, args (more of QEMU's).
+    memory (MB), cpus, disk (a Disk; True: a fresh one, False: none), net (False: no card), image,
+    args (more of QEMU's). What it runs on stays in `disk`.
     """
 
     def __init__(self, memory=128, cpus=1, disk=True, net=True, image=IMAGE, args=(), folder=None):
@@ -64,7 +97,11 @@ class Machine:
         self.transcript = ""  # all that the serial line said
         self._checked = 0     # up to here it was searched for what must not happen
         self._faults_expected = self._end_expected = False
-        command = self._command(memory, cpus, image) + self._disk(disk) + self._network(net)
+        self._closed = False
+        self.disk = Disk() if disk is True else disk or None
+        command = self._command(memory, cpus, image) + self._network(net)
+        if self.disk is not None:
+            command += self.disk.attach(self.folder)
         self.serial = PopenSpawn(["setpriv", "--pdeathsig", "KILL", "--", *command, *args],
                                  timeout=LIMIT, encoding="utf-8", codec_errors="replace")
         self.serial.logfile_read = self
@@ -73,15 +110,6 @@ class Machine:
         return [QEMU, "-kernel", str(image), "-accel", "tcg", "-cpu", "max", "-m", str(memory),
                 "-smp", str(cpus), "-display", "none", "-no-reboot", "-serial", "stdio",
                 "-monitor", "none", "-qmp", f"unix:{self._sockets}/qmp,server=on,wait=off"]
-
-    def _disk(self, wanted):
-        if not wanted:
-            return []
-        path = self.folder / "disk.img"
-        with open(path, "ab") as image:
-            image.truncate(64 << 20)
-        return ["-drive", f"file={path},format=raw,if=none,id=disk0",
-                "-device", "virtio-blk-pci,drive=disk0,disable-modern=on"]
 
     def _network(self, wanted):
         if not wanted:
@@ -229,7 +257,11 @@ class Machine:
         return self.serial.before
 
     def close(self):
-        """Ends the machine; fails for what it did since the last check."""
+        """Ends the machine as a loss of power would; fails for what it did since the last check.
+        A second call does nothing."""
+        if self._closed:
+            return
+        self._closed = True
         try:
             ended = self.serial.expect([pexpect.TIMEOUT, pexpect.EOF], timeout=0.05) == 1
             self.check()

@@ -3,7 +3,7 @@ import re
 
 import pytest
 
-from rig import ROOT
+from rig import Disk, ROOT
 
 
 def boot_lines(text):
@@ -26,6 +26,21 @@ def test_start_reaches_the_prompt(machine, options):
         line for step in steps for line in lines if line.startswith(step)]
     assert one.run("heap selftest").startswith("heap aligned self-test: PASS")
     assert one.run("crypto").endswith("crypto selftest: PASS\n")
+
+
+@pytest.mark.parametrize("sectors", [1000, 8388608 + 7], ids=["1000 sectors", "over 4 GiB"])
+def test_the_disk_is_found_with_its_size_and_boots_again(machine, sectors):
+    disk = Disk(size=512 * sectors)
+    for _ in range(2):
+        one = machine(prompt=False, disk=disk)
+        text = one.wait_prompt()
+        count = int(re.search(r"PCI bus scanned \((\d+) devices found\)", text).group(1))
+        found = re.findall(r"^  PCI 00:\w\w\.\w  (\w{4}:\w{4})  class \w\w:\w\w\r$", text,
+                           re.MULTILINE)
+        assert len(found) == count and {"1af4:1001", "1af4:1000"} < set(found)
+        assert (f"[virtio-blk] capacity: {sectors} sectors ({sectors // 2048} MB)\r\n"
+                f"[boot] VirtIO block device ready ({sectors // 2048} MB)\r\n") in text
+        one.close()
 
 
 def test_too_little_memory_stops_with_a_line(machine):
