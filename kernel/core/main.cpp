@@ -21,6 +21,7 @@
 #include "kernel/drivers/keyboard.h"
 #include "kernel/drivers/pci.h"
 #include "kernel/drivers/virtio_blk.h"
+#include "kernel/fs/blockfs.h"
 #include "kernel/graph/causal.h"
 
 namespace {
@@ -94,6 +95,9 @@ void start_storage() {
         return;
     kprintf("[boot] VirtIO block device ready (%llu MB)\n",
             blk_capacity() * BLK_SECTOR_SIZE >> MB_SHIFT);
+    if (blockfs_init() != 0)
+        return;
+    kprintf("[boot] VoFS persistent filesystem mounted\n");
 }
 
 /// The console's question where the running task's output goes.

@@ -1,0 +1,311 @@
+// What VoFS does for its callers on a disk that works.
+#include "tests/unit/fs/volume.h"
+
+namespace {
+
+TEST(VofsFormat, EverySizeGivesAGeometryThatMounts) {
+    vofs_super sb;
+    EXPECT_FALSE(vofs_make_super(258, &sb));
+    for (uint32_t size = 259; size <= VOFS_SECTORS_MAX; size += size < 30000 ? 1 : 509) {
+        ASSERT_TRUE(vofs_make_super(size, &sb));
+        ASSERT_TRUE(vofs_super_valid(sb, size)) << size;
+        ASSERT_EQ(sb.total_sectors, (size - 258) % 4097 == 0 ? size - 1 : size);
+        for (const uint32_t wrong : {sb.bitmap_sectors - 1, sb.bitmap_sectors + 1}) {
+            vofs_super other = sb;
+            other.bitmap_sectors = wrong;
+            ASSERT_FALSE(vofs_super_valid(other, size));
+        }
+    }
+    ASSERT_TRUE(vofs_make_super(1000, &sb));
+    EXPECT_EQ(sb.bitmap_sectors, 1u);
+    EXPECT_EQ(sb.inode_start, 2u);
+    EXPECT_EQ(sb.data_start, 258u);
+    EXPECT_FALSE(vofs_super_valid(sb, 999));
+}
+
+TEST(VofsFormat, PlacesCountBlocksAndBack) {
+    uint32_t data = 0;
+    for (uint32_t place = 0; place < VOFS_PLACES_MAX; ++place) {
+        ASSERT_EQ(vofs_blocks_within(place), data) << place;
+        const vofs_place it = vofs_place_at(place);
+        if (it.kind != vofs_kind::data)
+            continue;
+        ASSERT_EQ(it.index, data);
+        ASSERT_EQ(vofs_place_of_block(data++), place);
+    }
+    EXPECT_EQ(data, VOFS_BLOCKS_MAX);
+}
+
+TEST(VofsFormat, Paths) {
+    const std::string longest = "/" + std::string(63, 'n');
+    for (const char* good : {"/", "/a", "/a/b", "/...", "/.a", "/a..", longest.c_str()})
+        EXPECT_TRUE(vofs_path_valid(good)) << good;
+    const std::string too_long = longest + "n";
+    for (const char* bad :
+         {"", "a", "/a/", "//a", "/a//b", "/.", "/..", "/a/./b", "/a/..", too_long.c_str()})
+        EXPECT_FALSE(vofs_path_valid(bad)) << bad;
+    EXPECT_FALSE(vofs_path_valid(nullptr));
+    const std::string deep = longest + longest + longest + "/" + std::string(62, 'n');
+    EXPECT_TRUE(vofs_path_valid(deep.c_str()));
+    EXPECT_FALSE(vofs_path_valid((deep + "n").c_str()));
+}
+
+class BlockFs : public Volume {
+protected:
+    BlockFs() { EXPECT_EQ(mount(), 0); }
+};
+
+TEST_F(BlockFs, FormatsAndMountsAgain) {
+    EXPECT_EQ(machine_texts(),
+              "[vofs] No filesystem found — formatting\n"
+              "[vofs] Formatted: 4096 sectors, 256 inodes, data@258\n"
+              "[vofs] Mounted: 4096 sectors, 256 inodes\n");
+    EXPECT_STREQ(causal_get_ring(causal_get_next_id() - 1)->desc, "format 4096 sectors pid=0");
+    const disk_image formatted = m.disk.image;
+    ASSERT_EQ(mount(), 0);
+    EXPECT_EQ(machine_texts(),
+              "[vofs] Mounted: 4096 sectors, 256 inodes\n"
+              "[fsck] 1 inodes, 0 blocks used, 0 blocks in bitmap\n");
+    EXPECT_EQ(m.disk.image, formatted);
+    EXPECT_EQ(inode(0).name, std::string("/"));
+}
+
+TEST_F(BlockFs, ContentsOfEveryLengthAroundTheEdges) {
+    constexpr uint32_t B = 512;
+    const std::map<uint32_t, uint32_t> sizes = {{0, 0},
+                                                {1, 1},
+                                                {B, 1},
+                                                {B + 1, 2},
+                                                {12 * B, 12},
+                                                {12 * B + 1, 14},
+                                                {140 * B - 1, 141},
+                                                {140 * B, 141},
+                                                {140 * B + 1, 144},
+                                                {268 * B, 271},
+                                                {268 * B + 1, 273},
+                                                {1000 * B + 7, 1010}};
+    for (const auto& [size, blocks] : sizes) {
+        const bytes_t data = file_bytes(size, size);
+        ASSERT_EQ(write("/f", data), static_cast<int>(size));
+        EXPECT_EQ(used_blocks(), blocks);
+        EXPECT_EQ(read("/f"), data);
+        sys_stat st;
+        ASSERT_EQ(blockfs_stat("/f", &st), 0);
+        EXPECT_EQ(st.blocks, blocks);
+        ASSERT_EQ(mount(), 0);
+        EXPECT_EQ(read("/f"), data);
+        EXPECT_EQ(faults(), "");
+    }
+}
+
+TEST_F(BlockFs, AppendsEqualOneWriteOfTheWhole) {
+    const bytes_t data = file_bytes(300 * 512);
+    ASSERT_EQ(write("/whole", data), static_cast<int>(data.size()));
+    for (const size_t step : {1u, 100u, 511u, 512u, 700u, 70000u}) {
+        write("/grown", {});
+        const size_t end = step == 1 ? 1500 : data.size();
+        for (size_t at = 0; at < end;) {
+            const size_t count = std::min(step, end - at);
+            ASSERT_EQ(append("/grown", {data.begin() + at, data.begin() + at + count}),
+                      static_cast<int>(count));
+            at += count;
+        }
+        EXPECT_EQ(read("/grown"), bytes_t(data.begin(), data.begin() + end)) << step;
+        EXPECT_EQ(faults(), "");
+    }
+}
+
+TEST_F(BlockFs, ReadsAnyPartOfAFragmentedFile) {
+    const bytes_t data = file_bytes(400 * 512 + 100);
+    write("/a", {});
+    write("/b", {});
+    for (size_t at = 0; at < data.size(); at += 3000) {
+        append("/a", {data.begin() + at, data.begin() + std::min(at + 3000, data.size())});
+        append("/b", file_bytes(600));
+    }
+    const int inode = blockfs_resolve("/a");
+    bytes_t buf(data.size());
+    for (const uint32_t offset : {0u, 1u, 511u, 6144u, 71000u, 71680u, 137000u, 204899u})
+        for (const uint32_t len : {1u, 512u, 1025u, 9000u, 200000u}) {
+            const auto want = std::min<size_t>(len, data.size() - offset);
+            ASSERT_EQ(blockfs_read_file(inode, buf.data(), offset, len), static_cast<int>(want));
+            ASSERT_TRUE(std::equal(buf.begin(), buf.begin() + want, data.begin() + offset));
+        }
+    EXPECT_EQ(blockfs_read_file(inode, buf.data(), static_cast<uint32_t>(data.size()), 1), 0);
+    EXPECT_EQ(blockfs_read_file(inode, buf.data(), 0xFFFFFFFF, 0xFFFFFFFF), 0);
+    EXPECT_EQ(blockfs_read_file(0, buf.data(), 0, 1), -1);
+    EXPECT_EQ(blockfs_read_file(-1, buf.data(), 0, 1), -1);
+    EXPECT_EQ(blockfs_read_file(256, buf.data(), 0, 1), -1);
+}
+
+TEST_F(BlockFs, TruncatesAndExtendsWithZeros) {
+    bytes_t data = file_bytes(80000);
+    write("/f", data);
+    for (const size_t size : {79999u, 6144u, 6145u, 90000u, 0u, 700u}) {
+        ASSERT_EQ(blockfs_truncate("/f", static_cast<uint32_t>(size)), 0);
+        data.resize(size);
+        EXPECT_EQ(read("/f"), data);
+    }
+    EXPECT_EQ(faults(), "");
+    EXPECT_EQ(blockfs_truncate("/none", 1), -1);
+    EXPECT_EQ(blockfs_truncate("/", 1), -1);
+}
+
+TEST_F(BlockFs, AFullDiskKeepsAPrefixAndMarksNothingElse) {
+    const uint32_t total = 4096 - 258;
+    const bytes_t big = file_bytes(total * 512);
+    const int stored = write("/big", big);
+    EXPECT_EQ(stored, 3807 * 512);  // 3838 blocks less indirect, double-indirect and 29 leaves
+    EXPECT_EQ(faults(), "");
+    EXPECT_EQ(read("/big"), bytes_t(big.begin(), big.begin() + stored));
+    EXPECT_EQ(append("/big", file_bytes(1)), 0);
+    EXPECT_EQ(write("/other", file_bytes(1)), 0);
+    EXPECT_EQ(blockfs_replace_file("/other", "x", 1), -1);
+    // Room for every number of blocks: one that only a pointer block would take stays free.
+    ASSERT_EQ(blockfs_truncate("/big", 3600 * 512), 0);
+    for (uint32_t spare = 3; spare < 180; spare += spare < 20 ? 1 : 40) {
+        write("/other", {});
+        const uint32_t room = total - used_blocks();
+        write("/filler", file_bytes((room - spare) * 512));
+        while (total - used_blocks() > spare)
+            append("/filler", file_bytes(512));
+        const uint32_t left = total - used_blocks();
+        const int count = write("/other", file_bytes(400 * 512));
+        EXPECT_EQ(count, static_cast<int>(vofs_blocks_within(left) * 512)) << left;
+        EXPECT_EQ(total - used_blocks(),
+                  left - vofs_places_for(static_cast<uint32_t>(count) / 512));
+        ASSERT_EQ(faults(), "");
+        blockfs_remove("/filler");
+    }
+}
+
+TEST_F(BlockFs, EntriesLiveInATree) {
+    EXPECT_EQ(blockfs_mkdir_p("/a/b/c"), 0);
+    EXPECT_EQ(blockfs_mkdir_p("/a/b/c"), 0);
+    EXPECT_EQ(blockfs_mkdir_p("/"), 0);
+    write("/a/b/f", file_bytes(10));
+    EXPECT_EQ(blockfs_mkdir_p("/a/b/f/x"), -1);
+    EXPECT_EQ(blockfs_create("/a/b/f", BLOCKFS_FILE), -1);
+    EXPECT_EQ(blockfs_create("/x/y", BLOCKFS_FILE), -1);
+    EXPECT_EQ(blockfs_create("/a/b/f/g", BLOCKFS_FILE), -1);
+    EXPECT_EQ(blockfs_create("/t", 3), -1);
+    EXPECT_EQ(list("/"), "a\n");
+    EXPECT_EQ(list("/a/b"), "c\nf\n");
+    char few[5];
+    EXPECT_EQ(blockfs_list("/a/b", few, 5), 1);
+    EXPECT_STREQ(few, "c\n");
+    EXPECT_EQ(blockfs_list("/a/b/f", few, 5), -1);
+    EXPECT_EQ(blockfs_rename("/a", "/a/b/c/d"), -1);
+    EXPECT_EQ(blockfs_rename("/a", "/a/b"), -1);
+    EXPECT_EQ(blockfs_rename("/a/b", "/a/b"), 0);
+    EXPECT_EQ(blockfs_rename("/a/b", "/new"), 0);
+    EXPECT_EQ(blockfs_resolve("/a/b/f"), -1);
+    EXPECT_EQ(read("/new/f"), file_bytes(10));
+    EXPECT_EQ(blockfs_remove("/new"), -1);
+    EXPECT_EQ(blockfs_remove("/"), -1);
+    EXPECT_EQ(blockfs_remove("/a"), 0);
+    EXPECT_EQ(blockfs_remove_recursive("/new"), 0);
+    EXPECT_EQ(list("/"), "");
+    EXPECT_EQ(used_blocks(), 0u);
+    EXPECT_EQ(faults(), "");
+}
+
+TEST_F(BlockFs, ReadOnlyEntriesRefuseEveryChange) {
+    blockfs_mkdir_p("/d/e");
+    const int f = blockfs_create("/d/e/f", BLOCKFS_FILE);
+    ASSERT_EQ(blockfs_set_flags("/d/e/f", 0xFFFFFFFF), 0);
+    sys_stat st;
+    blockfs_stat("/d/e/f", &st);
+    EXPECT_EQ(st.flags, 1u);
+    EXPECT_EQ(blockfs_write_file(f, "x", 1), -1);
+    EXPECT_EQ(blockfs_append_file(f, "x", 1), -1);
+    EXPECT_EQ(blockfs_truncate_file(f, 1), -1);
+    EXPECT_EQ(blockfs_replace_file("/d/e/f", "x", 1), -1);
+    EXPECT_EQ(blockfs_touch("/d/e/f"), -1);
+    EXPECT_EQ(blockfs_remove("/d/e/f"), -1);
+    EXPECT_EQ(blockfs_rename("/d/e/f", "/g"), -1);
+    EXPECT_EQ(blockfs_remove_recursive("/d"), -1);
+    ASSERT_EQ(blockfs_set_flags("/d/e/f", 0), 0);
+    ASSERT_EQ(blockfs_set_flags("/d/e", 1), 0);
+    EXPECT_EQ(blockfs_create("/d/e/g", BLOCKFS_FILE), -1);
+    EXPECT_EQ(blockfs_remove("/d/e/f"), -1);
+    EXPECT_EQ(blockfs_rename("/d/e/f", "/g"), -1);
+    EXPECT_EQ(blockfs_write_file(f, "x", 1), 1);
+    ASSERT_EQ(blockfs_set_flags("/d/e", 0), 0);
+    EXPECT_EQ(blockfs_remove_recursive("/d"), 0);
+}
+
+TEST_F(BlockFs, AllInodesUsed) {
+    for (int i = 1; i < 256; ++i)
+        ASSERT_EQ(blockfs_create(("/file-" + std::to_string(i)).c_str(), BLOCKFS_FILE), i);
+    EXPECT_EQ(blockfs_create("/more", BLOCKFS_FILE), -1);
+    EXPECT_EQ(blockfs_replace_file("/more", "x", 1), -1);
+    EXPECT_EQ(used_blocks(), 0u);
+    EXPECT_EQ(blockfs_remove("/file-100"), 0);
+    EXPECT_EQ(blockfs_create("/more", BLOCKFS_FILE), 100);
+    uint32_t used = 0, free = 0;
+    blockfs_df(nullptr, nullptr, nullptr, nullptr, &used, &free);
+    EXPECT_EQ(used, 256u);
+    EXPECT_EQ(free, 0u);
+    EXPECT_EQ(faults(), "");
+}
+
+std::vector<std::string> told;
+
+void tell(int op, const char* path, const void* data, uint32_t len) {
+    told.push_back(std::to_string(op) + " " + path + " " +
+                   std::string(static_cast<const char*>(data), len));
+    char names[64];
+    EXPECT_GE(blockfs_list("/", names, sizeof names), 0);  // the lock is free
+}
+
+TEST_F(BlockFs, ChangesAreTold) {
+    blockfs_set_change_hook(tell);
+    told.clear();
+    blockfs_mkdir_p("/d/e");
+    const int f = blockfs_create("/d/e/f", BLOCKFS_FILE);
+    blockfs_write_file(f, "abc", 3);
+    blockfs_append_file(f, "de", 2);
+    blockfs_truncate_file(f, 4);
+    blockfs_set_flags("/d/e/f", 0);
+    blockfs_touch("/d/e/f");
+    blockfs_touch("/t");
+    EXPECT_EQ(blockfs_replace_file("/r", "new", 3), 0);
+    blockfs_rename("/d/e", "/m");
+    blockfs_remove("/t");
+    blockfs_remove("/none");
+    blockfs_remove_recursive("/m");
+    blockfs_set_change_hook(nullptr);
+    const std::vector<std::string> expected = {
+        "4 /d ", "4 /d/e ",  "1 /d/e/f ", "2 /d/e/f abc", "5 /d/e/f de", "2 /d/e/f abcd", "1 /t ",
+        "1 /r ", "2 /r new", "4 /m ",     "3 /d/e ",      "3 /t ",       "3 /m "};
+    EXPECT_EQ(told, expected);
+}
+
+TEST_F(BlockFs, CacheKeepsTheLastSixteenSectors) {
+    write("/f", file_bytes(40 * 512));
+    const int f = blockfs_resolve("/f");
+    bytes_t buf(8 * 512);
+    const auto read_block = [&](uint32_t block) {
+        blockfs_read_file(f, buf.data(), block * 512, 1);
+    };
+    for (uint32_t block = 0; block < 3; ++block)
+        read_block(block);
+    blockfs_cache_clear();
+    blockfs_cache_stats_t stats;
+    for (uint32_t block = 0; block < 12; ++block)
+        read_block(block);
+    blockfs_cache_stats(&stats);
+    EXPECT_EQ(stats.misses, 13u);  // the inode too
+    EXPECT_EQ(stats.hits, 11u);
+    blockfs_read_file(f, buf.data(), 0, 8 * 512);  // passes the cache by
+    blockfs_cache_stats(&stats);
+    EXPECT_EQ(stats.misses, 13u);
+    EXPECT_EQ(stats.hits, 12u);
+    blockfs_write_file(f, buf.data(), 8 * 512);  // the same sectors, in one request
+    blockfs_cache_stats(&stats);
+    EXPECT_EQ(stats.invalidations, 8u);
+    EXPECT_EQ(stats.writes, 4u);  // inode, bitmap, data, inode
+}
+
+}  // namespace
