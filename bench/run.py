@@ -9,6 +9,7 @@ import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
@@ -34,6 +35,17 @@ PEERS = {
     "memset-4096": ("stosl-4096", 1.2),
     "memset-608": ("stosl-608", 1.2),
 }
+# name: (unit, how many of it an operation is); shown as a rate. Names without a line of the guest's
+# are left out.
+RATES = {
+    "disk-write-512": ("requests/s", 1),
+    "disk-read-512": ("requests/s", 1),
+    "disk-write-64K": ("MB/s", 65536 / 1e6),
+    "disk-read-64K": ("MB/s", 65536 / 1e6),
+}
+# The device syncs every write in the first mode and none in the second.
+CACHE_MODES = ("writeback", "unsafe")
+DISK_BYTES = 64 << 20
 TIMED_PEERS = {"console-character": ("port-read-and-cell", 3.0)}
 
 
@@ -48,7 +60,7 @@ def guest_figures(*extra):
     run = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=120,
                          check=False)
     text = run.stdout.decode("latin-1")
-    if "bench done" not in text:
+    if "bench done" not in text or "bench failed" in text:
         sys.exit(f"bench: the measuring image did not finish:\n{text[-2000:]}")
     lines = re.findall(r"^bench (\S+) (\d+) (\d+) (\d+)", text, re.MULTILINE)
     return {name: tuple(map(int, rest)) for name, *rest in lines}
@@ -77,6 +89,48 @@ def print_guest():
         note = f"{timed[name][0] / max(timed[peer][0], 1):.2f}x of {peer}, aim {aim}x"
         print_line(peer, timed[peer], "counts")
         print_line(name, timed[name], "counts", note)
+
+
+def rates(costs, second, amount):
+    """Median, lowest and highest rate out of the costs of an operation that moves `amount`."""
+    return tuple(amount * second / max(costs[i], 1) for i in (0, 2, 1))
+
+
+def host_rate(path, name, amount, synced):
+    """What the host itself does of `name` on the same file, as the guest's device asks for it."""
+    size = 512 if name.endswith("-512") else 65536
+    data = b"\xa5" * size
+    costs = []
+    with open(path, "r+b", buffering=0) as image:
+        for _ in range(10):
+            start = time.perf_counter()
+            for i in range(64):
+                if "read" in name:
+                    os.pread(image.fileno(), size, i * size)
+                else:
+                    os.pwrite(image.fileno(), data, i * size)
+                    if synced:
+                        os.fdatasync(image.fileno())
+            costs.append((time.perf_counter() - start) / 64)
+    return amount / sorted(costs[1:])[4]
+
+
+def print_storage():
+    with tempfile.NamedTemporaryFile(dir=ROOT / "build", suffix=".img") as image:
+        image.truncate(DISK_BYTES)
+        for cache in CACHE_MODES:
+            figures = guest_figures(
+                "-drive", f"file={image.name},format=raw,if=none,id=disk0,cache={cache}",
+                "-device", "virtio-blk-pci,drive=disk0,disable-modern=on")
+            second = figures["second"][0]
+            for name, (unit, amount) in RATES.items():
+                if name not in figures:
+                    continue
+                figure = rates(figures[name], second, amount)
+                peer = host_rate(image.name, name, amount, cache == "writeback")
+                digits = 0 if figure[0] >= 1000 else 1
+                print_line(name, tuple(f"{rate:.{digits}f}" for rate in figure), unit,
+                           f"cache={cache}; {figure[0] / peer:.2f}x of the host's own calls")
 
 
 class Guest:
@@ -156,6 +210,7 @@ def main():
     if not BENCH_IMAGE.exists():
         sys.exit("bench: build/vorn-bench.elf is missing; ./vorn build makes it")
     print_guest()
+    print_storage()
     print_boot()
     print_idle()
     sys.stdout.flush()

@@ -1,27 +1,26 @@
 // The measuring image: the kernel's own objects under a start-up that times them. Each line reads
 // "bench NAME MEDIAN MIN MAX" in time-stamp counts for one operation; bench/run.py boots it twice,
 // once counting instructions (one count each) and once in plain time for what the devices cost.
-// The lines go out on the second serial port: the first one belongs to the console under test.
-#include <algorithm>
-#include <array>
-
-#include "arch/x86/cpu.h"
+// With a disk it measures the storage instead. The lines go out on the second serial port: the
+// first one belongs to the console under test.
+#include "kernel/core/main.h"
 #include "arch/x86/hal.h"
 #include "arch/x86/ports.h"
+#include "bench/guest/measure.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/kprintf.h"
-#include "kernel/core/main.h"
 #include "kernel/core/memory.h"
 #include "kernel/core/running.h"
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
 #include "kernel/core/x86.h"
 #include "kernel/drivers/console.h"
+#include "kernel/drivers/pci.h"
+#include "kernel/drivers/virtio_blk.h"
 #include "kernel/graph/causal.h"
 
 namespace {
 
-constexpr size_t RUNS = 9;
 constexpr uint16_t COM2_DATA = 0x2F8;
 constexpr uint16_t PIC_MASTER_MASK = 0x21;
 constexpr int BENCH_LINE = 5;  // an interrupt line with no device behind it
@@ -30,29 +29,6 @@ constexpr int BENCH_LINE = 5;  // an interrupt line with no device behind it
 void put_on_second_port(const char* text) {
     for (; *text != '\0'; ++text)
         outb(COM2_DATA, static_cast<uint8_t>(*text));
-}
-
-/// Times `body` RUNS times at `operations` operations each and prints the cost of one.
-template <typename Body>
-void measure(const char* name, uint32_t operations, Body body) {
-    std::array<uint32_t, RUNS> costs;
-    body();
-    for (uint32_t& cost : costs) {
-        const uint64_t start = cpu_rdtsc();
-        body();
-        cost = static_cast<uint32_t>(cpu_rdtsc() - start) / operations;
-    }
-    std::sort(costs.begin(), costs.end());
-    kprintf("bench %s %u %u %u\n", name, costs[RUNS / 2], costs.front(), costs.back());
-}
-
-/// measure() for an operation that costs little: repeats it.
-template <typename Operation>
-void measure_each(const char* name, uint32_t repeats, Operation operation) {
-    measure(name, repeats, [&] {
-        for (uint32_t i = 0; i < repeats; ++i)
-            operation();
-    });
 }
 
 void measure_events() {
@@ -165,6 +141,16 @@ void measure_console() {
     measure_each("console-scrolled-line", 50, [] { console_putchar('\n'); });
 }
 
+void measure_processor() {
+    measure_events();
+    measure_memory();
+    measure_heap();
+    measure_formatting();
+    measure_interrupt();
+    measure_console();
+    measure_switch();
+}
+
 }  // namespace
 
 void kernel_main(uint32_t, multiboot_info_t* info) {
@@ -180,13 +166,11 @@ void kernel_main(uint32_t, multiboot_info_t* info) {
     causal_init();
     tss_init();
     task_init();
-    measure_events();
-    measure_memory();
-    measure_heap();
-    measure_formatting();
-    measure_interrupt();
-    measure_console();
-    measure_switch();
+    pci_init();
+    if (blk_init() == 0)
+        measure_storage();
+    else
+        measure_processor();
     kprintf("bench done\n");
     hal_shutdown();
 }

@@ -15,6 +15,10 @@ constexpr uint16_t BLK_DEVICE_ID = 0x1001;
 constexpr int REQUEST_QUEUE = 0;
 constexpr uint16_t CONFIG_CAPACITY = 0;
 constexpr uint32_t POLLS_MAX = 1000000;
+// Most requests are back within the first polls, which follow each other at once. The later ones
+// wait a little, so that the limit comes to seconds and a slow medium does not reach it.
+constexpr uint32_t POLLS_AT_ONCE = 5000;
+constexpr uint32_t PAUSES_A_POLL = 32;
 constexpr int ATTEMPTS_MAX = 3;
 constexpr uint8_t STATUS_OK = 0;
 constexpr uint8_t STATUS_NONE = 0xFF;  ///< the device has not written the byte
@@ -69,7 +73,8 @@ bool wait_for_chain(int head, uint32_t* len) REQUIRES(blk_lock) {
     for (uint32_t poll = 0; poll < POLLS_MAX; ++poll) {
         if (virtq_pop(vq, len) == head)
             return true;
-        cpu_pause();
+        for (uint32_t i = 0; poll >= POLLS_AT_ONCE && i < PAUSES_A_POLL; ++i)
+            cpu_pause();
     }
     return false;
 }

@@ -1,0 +1,41 @@
+// Timing in the measuring image: every figure is the median of RUNS runs, with the fastest and the
+// slowest, in time-stamp counts for one operation.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <algorithm>
+#include <array>
+
+#include "arch/x86/cpu.h"
+#include "kernel/core/kprintf.h"
+
+constexpr size_t RUNS = 9;
+
+/// Times `body` RUNS times at `operations` operations each, after one run that is not timed.
+template <typename Body>
+void measure(const char* name, uint32_t operations, Body body) {
+    std::array<uint64_t, RUNS> costs;
+    body();
+    for (uint64_t& cost : costs) {
+        const uint64_t start = cpu_rdtsc();
+        body();
+        cost = (cpu_rdtsc() - start) / operations;
+    }
+    std::sort(costs.begin(), costs.end());
+    kprintf("bench %s %llu %llu %llu\n", name, costs[RUNS / 2], costs.front(), costs.back());
+}
+
+/// measure() for an operation that costs little: repeats it.
+template <typename Operation>
+void measure_each(const char* name, uint32_t repeats, Operation operation) {
+    measure(name, repeats, [&] {
+        for (uint32_t i = 0; i < repeats; ++i)
+            operation();
+    });
+}
+
+/// Measures the storage of a machine with a disk, which loses what was on it. Prints a line that
+/// begins with "bench failed" for what goes wrong.
+void measure_storage();
