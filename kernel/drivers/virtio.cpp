@@ -46,9 +46,9 @@ bool status_accepted(const virtio_device_t* vdev, uint8_t status, uint8_t wanted
 int virtio_fail(virtio_device_t* vdev, const char* reason) {
     const uint8_t status = read_status(vdev);
     write_status(vdev, status | VIRTIO_FAILED);
+    virtio_release_device(vdev);
     kprintf("[virtio] init failed: %s (status=0x%x)\n", reason, status);
     causal_event_fmt(CAUSAL_IO, "virtio", "init failed: %s status=0x%x", reason, status);
-    virtio_release_device(vdev);
     return -1;
 }
 

@@ -137,6 +137,8 @@ void virtio_disk::notified(int queue) {
     chain_t& chain = current_;
     while (take(queue, &chain)) {
         ++requests;
+        if (during_request)
+            during_request();
         if (stall_count == 0 && late_polls == 0) {
             complete(chain);
             continue;

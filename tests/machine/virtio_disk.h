@@ -81,7 +81,8 @@ public:
     uint64_t sectors_read = 0;  ///< that were carried out
     uint64_t sectors_written = 0;
     disk_lie lie = disk_lie::none;
-    uint32_t late_polls = 0;   ///< PAUSE instructions until a request completes (0: at once)
+    uint32_t late_polls = 0;  ///< PAUSE instructions until a request completes (0: at once)
+    std::function<void()> during_request;  ///< called while the driver waits for a request
     uint32_t stall_count = 0;  ///< requests that are never completed, from the next one on
 
     explicit virtio_disk(uint64_t sectors);

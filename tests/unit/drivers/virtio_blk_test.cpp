@@ -1,18 +1,202 @@
-#include "tests/machine/virtio_disk.h"
+#include "kernel/drivers/virtio_blk.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
+#include "arch/x86/switch.h"
+#include "kernel/core/interrupt.h"
+#include "kernel/core/memory.h"
+#include "kernel/core/task.h"
+#include "kernel/graph/causal.h"
+#include "tests/machine/memory.h"
+#include "tests/machine/virtio_disk.h"
+
 namespace {
 
-TEST(VirtioBlk, SectorsComeBackAsWritten) {
-    disk_machine m;
-    std::vector<uint8_t> out(2048 * 512), in(out.size());
-    for (size_t i = 0; i < out.size(); ++i)
-        out[i] = static_cast<uint8_t>(i * 7 + i / 512);
-    ASSERT_EQ(blk_write(131072 - 2048, out.data(), 2048), 0);
-    ASSERT_EQ(blk_read(131072 - 2048, in.data(), 2048), 0);
+uint32_t heap_used() {
+    uint32_t total = 0, used = 0;
+    heap_get_stats(&total, &used);
+    return used;
+}
+
+/// The texts of the newest `n` events, oldest first.
+std::vector<std::string> newest(uint32_t n) {
+    std::vector<std::string> texts;
+    for (uint32_t id = causal_total_events() - n + 1; id <= causal_total_events(); ++id)
+        texts.emplace_back(causal_get_ring(id)->desc);
+    return texts;
+}
+
+using texts_t = std::vector<std::string>;
+
+class VirtioBlk : public testing::Test {
+protected:
+    disk_machine m{8388608 + 9};
+    virtio_disk& disk = m.disk;
+    std::vector<uint8_t> data = pattern(8);
+
+    static std::vector<uint8_t> pattern(size_t sectors) {
+        std::vector<uint8_t> bytes(sectors * BLK_SECTOR_SIZE);
+        for (size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = static_cast<uint8_t>(i * 7 + i / BLK_SECTOR_SIZE);
+        return bytes;
+    }
+};
+
+TEST_F(VirtioBlk, SectorsUpToTheLastComeBackAsWritten) {
+    const uint64_t first = blk_capacity() - 2048;
+    const std::vector<uint8_t> out = pattern(2048);
+    std::vector<uint8_t> in(out.size());
+    ASSERT_EQ(blk_write(first, out.data(), 2048), 0);
+    ASSERT_EQ(blk_read(first, in.data(), 2048), 0);
     EXPECT_EQ(in, out);
-    EXPECT_EQ(m.disk.image.bytes(131072 - 2048, 2048), out);
+    EXPECT_EQ(disk.image.bytes(first, 2048), out);
+    EXPECT_EQ(disk.requests, 2u);
+}
+
+TEST_F(VirtioBlk, StartsOnceThereIsADiskAndSaysItsSize) {
+    machine_texts().clear();
+    ASSERT_EQ(blk_init(), 0);
+    EXPECT_EQ(machine_texts(), "[virtio-blk] capacity: 8388617 sectors (4096 MB)\n");
+    EXPECT_EQ(newest(1), texts_t{"init: virtio-blk ready, 8388617 sectors"});
+    EXPECT_EQ(disk.driver_features, 0u);
+    pci_device_count = 0;
+    EXPECT_EQ(blk_init(), -1);
+    EXPECT_FALSE(blk_present());
+    EXPECT_EQ(blk_capacity(), 0u);
+    EXPECT_EQ(blk_read(0, data.data(), 1), -1);
+}
+
+TEST_F(VirtioBlk, WhatCannotBeIsRefusedBeforeTheDeviceHearsOfIt) {
+    const uint64_t end = blk_capacity();
+    EXPECT_EQ(blk_read(0, data.data(), 0), -1);
+    EXPECT_EQ(blk_write(0, nullptr, 1), -1);
+    EXPECT_EQ(blk_read(end, data.data(), 1), -1);
+    EXPECT_EQ(blk_write(end - 1, data.data(), 2), -1);
+    EXPECT_EQ(blk_read(~0ull, data.data(), 1), -1);
+    EXPECT_EQ(blk_read(0, data.data(), 8388608), -1);  // 4 GiB have no 32-bit length
+    EXPECT_EQ(blk_read(0, data.data(), ~0u), -1);
+    EXPECT_EQ(disk.requests, 0u);
+    EXPECT_EQ(machine_texts(), "");
+}
+
+TEST_F(VirtioBlk, AFailingRequestIsTriedThreeTimes) {
+    disk.fail_request(1, 2);
+    ASSERT_EQ(blk_write(5, data.data(), 8), 0);
+    EXPECT_EQ(machine_texts(),
+              "[virtio-blk] retrying write sector=5 count=8 (attempt 2)\n"
+              "[virtio-blk] retrying write sector=5 count=8 (attempt 3)\n");
+    EXPECT_EQ(newest(4), (texts_t{"write error sector=5 count=8", "write retry sector=5 count=8",
+                                  "write error sector=5 count=8", "write retry sector=5 count=8"}));
+    EXPECT_EQ(disk.image.bytes(5, 8), data);
+    disk.fail_request(1, 3);
+    EXPECT_EQ(blk_read(5, data.data(), 1), -1);
+    EXPECT_EQ(newest(1), texts_t{"read error sector=5 count=1"});
+    EXPECT_EQ(disk.requests, 6u);
+    EXPECT_EQ(disk.resets, 1u);  // the one at start
+}
+
+TEST_F(VirtioBlk, ASilentDeviceIsResetAndTouchesNothingAfterwards) {
+    const uint32_t used = heap_used();
+    disk.image.write(9, data.data());
+    disk.stall_count = 3;
+    std::vector<uint8_t> in(BLK_SECTOR_SIZE);
+    ASSERT_EQ(blk_read(9, in.data(), 1), -1);
+    EXPECT_EQ(machine_texts(),
+              "[virtio-blk] read timeout on sector 9\n"
+              "[virtio-blk] retrying read sector=9 count=1 (attempt 2)\n"
+              "[virtio-blk] read timeout on sector 9\n"
+              "[virtio-blk] retrying read sector=9 count=1 (attempt 3)\n"
+              "[virtio-blk] read timeout on sector 9\n");
+    EXPECT_EQ(newest(2), (texts_t{"read retry sector=9 count=1", "read timeout sector=9"}));
+    EXPECT_EQ(disk.pending(), 0u);
+    EXPECT_EQ(disk.resets, 4u);
+    ASSERT_EQ(blk_read(9, in.data(), 1), 0);
+    EXPECT_TRUE(std::equal(in.begin(), in.end(), data.begin()));
+    EXPECT_EQ(heap_used(), used);
+    disk.late_polls = 1000000;
+    EXPECT_EQ(blk_read(9, in.data(), 1), 0);
+    EXPECT_EQ(disk.resets, 4u);
+}
+
+TEST_F(VirtioBlk, ADeviceThatDoesNotComeBackIsGivenUp) {
+    const uint32_t queue_bytes = 3 * 4096, used = heap_used();
+    disk.stall_count = 1;
+    disk.status_never = VIRTIO_DRIVER_OK;
+    EXPECT_EQ(blk_write(0, data.data(), 1), -1);
+    EXPECT_FALSE(blk_present());
+    EXPECT_EQ(disk.status, VIRTIO_FAILED);
+    EXPECT_EQ(disk.pending() + disk.queue_pages[0], 0u);
+    EXPECT_LE(heap_used(), used - queue_bytes);
+    EXPECT_EQ(blk_write(0, data.data(), 1), -1);
+    EXPECT_EQ(disk.requests, 1u);
+}
+
+TEST_F(VirtioBlk, LiesAreRefusedAndDoNoHarm) {
+    const uint32_t used = heap_used();
+    for (const disk_lie lie : {disk_lie::id_beyond, disk_lie::id_huge, disk_lie::id_other,
+                               disk_lie::id_middle, disk_lie::index_ahead, disk_lie::length_short,
+                               disk_lie::length_beyond, disk_lie::chain_loop}) {
+        disk.lie = lie;
+        EXPECT_EQ(blk_read(1, data.data(), 8), -1) << static_cast<int>(lie);
+        disk.power_on();
+        for (int i = 0; i < 100; ++i)
+            ASSERT_EQ(blk_write(1, data.data(), 8), 0) << static_cast<int>(lie);
+    }
+    EXPECT_EQ(heap_used(), used);
+}
+
+TEST_F(VirtioBlk, TasksAtTheSameTimeGetOneRequestEach) {
+    interrupt_init();
+    fake_switch_reset();
+    fake_switch.coroutines = true;
+    running() = {};
+    task_init();
+    sched_start();
+    int inside = 0;
+    disk.during_request = [&] {
+        EXPECT_EQ(++inside, 1);
+        task_yield();
+        --inside;
+    };
+    const auto body = [] {
+        const auto own = static_cast<uint8_t>(task_getpid());
+        uint8_t sector[BLK_SECTOR_SIZE];
+        for (int i = 0; i < 10; ++i) {
+            std::fill_n(sector, sizeof sector, own);
+            EXPECT_EQ(blk_write(own, sector, 1), 0);
+            EXPECT_EQ(blk_read(own, sector, 1), 0);
+            EXPECT_EQ(std::count(sector, sector + sizeof sector, own), 512);
+        }
+    };
+    for (int i = 0; i < 4; ++i)
+        ASSERT_NE(task_create("writer", body, 0), nullptr);
+    for (int i = 0; i < 300; ++i)
+        task_yield();
+    EXPECT_EQ(disk.sectors_read, 40u);
+    fake_switch_reset();
+    running() = {};
+}
+
+TEST_F(VirtioBlk, TheFakeDiskLosesPowerInTheMiddleOfARequestAndItsLogRepeats) {
+    const disk_image before = disk.image;
+    disk.start_log();
+    ASSERT_EQ(blk_write(40, data.data(), 4), 0);
+    disk.cut_power_after(3);
+    EXPECT_EQ(blk_write(30, data.data(), 8), -1);
+    EXPECT_EQ(blk_read(30, data.data(), 1), -1);
+    ASSERT_EQ(disk.writes.size(), 7u);
+    EXPECT_EQ(disk.writes[6].sector, 32u);
+    disk_image again = before;
+    again.apply(disk.writes, 4);
+    EXPECT_FALSE(again == disk.image);
+    again.apply(disk.writes, 7, 4);
+    EXPECT_TRUE(again == disk.image);
+    EXPECT_EQ(again[33], sector_t{});
+    disk.power_on();
+    EXPECT_EQ(blk_write(33, data.data(), 1), 0);
+    EXPECT_EQ(before[40], sector_t{});
 }
 
 }  // namespace
