@@ -12,7 +12,8 @@ struct check_t {
     bool quiet;
     uint8_t* seen;  ///< bitmap of what was referenced; null: no memory for it
     uint32_t errors = 0;
-    uint32_t wrong_references = 0;  ///< those errors that make a bitmap unsure
+    uint32_t wrong_references = 0;  ///< blocks that are shared, nowhere, or cannot be read
+    bool surplus = false;           ///< a file has more blocks than its size needs
     uint32_t used = 0;              ///< inodes
     uint32_t referenced = 0;        ///< blocks, each time they are
     uint32_t inode = 0;             ///< the one at hand
@@ -168,6 +169,7 @@ void check_file_size_locked(check_t* check, const vofs_inode& inode) REQUIRES(vo
     if (inode.size > VOFS_FILE_MAX)
         fault(check, "[fsck] ERROR: inode %u size %u exceeds max %u\n", n, inode.size,
               VOFS_FILE_MAX);
+    check->surplus = check->surplus || check->data_blocks > needed;
     if (check->data_blocks != needed)
         fault(check, "[fsck] ERROR: inode %u size needs %u data blocks, has %u\n", n, needed,
               check->data_blocks);
@@ -228,19 +230,30 @@ heap_ptr<uint8_t> make_seen_locked() REQUIRES(vofs_lock) {
 
 }  // namespace
 
-vofs_report_t fsck_locked() {
+vofs_report_t fsck_locked(bool quiet) {
     const heap_ptr<uint8_t> seen = make_seen_locked();
-    check_t check{.quiet = false, .seen = seen.get()};
+    check_t check{.quiet = quiet, .seen = seen.get()};
     check_volume_locked(&check);
-    const uint32_t marked = bitmap_count_locked(vofs.bitmap);
-    const bool differs = marked != check.referenced;
-    if (differs)
-        fault(&check, "[fsck] WARNING: bitmap has %u blocks, inodes reference %u\n", marked,
-              check.referenced);
-    kprintf("[fsck] %d inodes, %u blocks used, %u blocks in bitmap\n", static_cast<int>(check.used),
-            check.referenced, marked);
-    const bool other_bits = seen && memcmp(seen.get(), vofs.bitmap, bitmap_bytes_locked()) != 0;
-    return {check.errors, differs, other_bits};
+    vofs_report_t report = {};
+    report.used = check.used;
+    report.referenced = check.referenced;
+    report.marked = bitmap_count_locked(vofs.bitmap);
+    report.count_differs = report.marked != report.referenced;
+    if (report.count_differs)
+        fault(&check, "[fsck] WARNING: bitmap has %u blocks, inodes reference %u\n", report.marked,
+              report.referenced);
+    report.errors = check.errors;
+    report.bitmap_differs = seen && memcmp(seen.get(), vofs.bitmap, bitmap_bytes_locked()) != 0;
+    report.references_sure = seen && check.wrong_references == 0;
+    report.surplus = check.surplus;
+    if (!quiet)
+        fsck_print_figures(report);
+    return report;
+}
+
+void fsck_print_figures(const vofs_report_t& report) {
+    kprintf("[fsck] %d inodes, %u blocks used, %u blocks in bitmap\n",
+            static_cast<int>(report.used), report.referenced, report.marked);
 }
 
 int fsck_repair_locked() {
@@ -263,7 +276,7 @@ int blockfs_fsck() {
         kprintf("[fsck] filesystem not mounted\n");
         return -1;
     }
-    return fsck_locked().errors == 0 ? 0 : -1;
+    return fsck_locked(false).errors == 0 ? 0 : -1;
 }
 
 int blockfs_fsck_repair() {

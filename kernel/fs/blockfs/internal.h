@@ -255,12 +255,18 @@ int pointers_cut_locked(const vofs_inode& inode, uint32_t blocks) REQUIRES(vofs_
 /// What a check found.
 struct vofs_report_t {
     uint32_t errors;
-    bool count_differs;   ///< the bitmap's count is one of them
-    bool bitmap_differs;  ///< the bitmap is not what the inodes reference
+    uint32_t used, referenced, marked;  ///< inodes; blocks by reference; blocks in the bitmap
+    bool count_differs;                 ///< one of the errors is that the last two differ
+    bool bitmap_differs;                ///< the bitmap is not what the inodes reference
+    bool references_sure;               ///< each block is referenced once, and all were seen
+    bool surplus;                       ///< a file has more blocks than its size needs
 };
 
-/// blockfs_fsck of a mounted volume.
-vofs_report_t fsck_locked() REQUIRES(vofs_lock);
+/// Checks the volume; its lines are printed unless `quiet`.
+vofs_report_t fsck_locked(bool quiet) REQUIRES(vofs_lock);
+
+/// The line of figures that ends a check.
+void fsck_print_figures(const vofs_report_t& report);
 
 /// blockfs_fsck_repair of a mounted volume.
 [[nodiscard]] int fsck_repair_locked() REQUIRES(vofs_lock);

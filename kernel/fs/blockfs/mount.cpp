@@ -118,10 +118,17 @@ void mend_locked() REQUIRES(vofs_lock) {
     }
 }
 
-/// Repairs the bitmap when nothing else is wrong: blocks that no inode reaches are free again, and
-/// none that one reaches is given away.
+/// Checks the volume. Where every block is referenced once, undoes what appends left; where the
+/// bitmap alone is wrong, repairs it: blocks that no inode reaches are free again, and none that
+/// one reaches is given away.
 void check_locked() REQUIRES(vofs_lock) {
-    const vofs_report_t report = fsck_locked();
+    vofs_report_t report = fsck_locked(true);
+    if (report.surplus && report.references_sure)
+        mend_locked();
+    if (report.errors != 0)
+        report = fsck_locked(false);
+    else
+        fsck_print_figures(report);
     const bool nothing_else = report.errors == (report.count_differs ? 1u : 0u);
     if (report.bitmap_differs && nothing_else)
         (void)fsck_repair_locked();
@@ -145,7 +152,6 @@ int mount_locked() REQUIRES(vofs_lock) {
             return -1;
         files = index_load_locked();
     }
-    mend_locked();
     vofs.mounted = true;
     causal_event_fmt(CAUSAL_FS, "vofs", "mount %u sectors, %d files pid=%d", vofs.sb.total_sectors,
                      static_cast<int>(files), task_getpid());

@@ -1,0 +1,353 @@
+// Devices that fail, memory that runs out, and volumes made to do harm.
+#include <functional>
+#include <random>
+
+#include "kernel/core/memory.h"
+#include "tests/unit/fs/volume.h"
+
+namespace {
+
+class BlockFsFault : public Volume {
+protected:
+    std::map<std::string, std::vector<bytes_t>> may_hold;  ///< by path
+
+    /// The result tells what the file holds; a failure tells nothing.
+    void wrote(const char* path, const bytes_t& data, int count) {
+        if (count >= 0)
+            may_hold[path] = {{data.begin(), data.begin() + count}};
+        else
+            may_hold[path].insert(may_hold[path].end(), {data, {}});
+    }
+
+    void grew(const char* path, const bytes_t& more, int count) {
+        if (count <= 0)
+            return;
+        for (bytes_t& content : may_hold[path])
+            content.insert(content.end(), more.begin(), more.begin() + count);
+    }
+
+    /// Everything that writes, over a volume that begins with a file "/f".
+    void workload() {
+        blockfs_mkdir_p("/d/e");
+        for (const size_t size : {3000u, 75000u, 9000u}) {
+            const bytes_t data = file_bytes(size, static_cast<uint32_t>(size));
+            wrote("/f", data, write("/f", data));
+        }
+        for (const size_t size : {100u, 63000u, 512u, 70000u}) {
+            const bytes_t more = file_bytes(size, 9);
+            grew("/f", more, append("/f", more));
+        }
+        const bytes_t table = file_bytes(7000, 3);
+        if (blockfs_replace_file("/t", table.data(), 7000) == 0)
+            may_hold["/t"] = {table};
+        blockfs_truncate("/t2", 100);
+        blockfs_rename("/d/e", "/e");
+        blockfs_create("/e/x", BLOCKFS_FILE);
+        blockfs_remove_recursive("/e");
+        blockfs_remove("/u");
+    }
+
+    /// The contents are what the results said.
+    void judge(const std::string& when) {
+        for (const auto& [path, contents] : may_hold) {
+            if (blockfs_resolve(path.c_str()) < 0)
+                continue;
+            const bytes_t now = read(path.c_str());
+            EXPECT_NE(std::find(contents.begin(), contents.end(), now), contents.end())
+                << when << ": " << path << " has " << now.size();
+        }
+    }
+
+    disk_image begin() {
+        EXPECT_EQ(mount(), 0);
+        write("/f", file_bytes(20000));
+        write("/u", file_bytes(8000, 4));
+        return m.disk.image;
+    }
+
+    void reset(const disk_image& image) {
+        m.disk.power_on();
+        m.disk.image = image;
+        may_hold = {{"/f", {file_bytes(20000)}}, {"/u", {file_bytes(8000, 4)}}};
+        ASSERT_EQ(mount(), 0);
+    }
+};
+
+TEST_F(BlockFsFault, AnyOneRequestFails) {
+    constexpr uint64_t TRIES = 3;
+    const disk_image image = begin();
+    reset(image);
+    const uint64_t first = m.disk.requests;
+    workload();
+    const uint64_t requests = m.disk.requests - first;
+    for (uint64_t n = 1; n <= requests; ++n) {
+        reset(image);
+        m.disk.fail_request(n, TRIES);
+        workload();
+        m.disk.power_on();
+        const std::string when = "request " + std::to_string(n);
+        const bool listed_lost = machine_texts().find("while freeing") != std::string::npos;
+        const std::string said = faults();
+        EXPECT_TRUE(listed_lost ? said.find("ERROR") == std::string::npos : said.empty())
+            << when << said;
+        judge(when);
+        ASSERT_EQ(mount(), 0);
+        EXPECT_EQ(machine_texts().find("ERROR"), std::string::npos) << when << machine_texts();
+        judge(when + ", mounted again");
+        EXPECT_EQ(faults(), "") << when;
+    }
+    EXPECT_GT(requests, 50u);
+}
+
+TEST_F(BlockFsFault, TheDeviceDies) {
+    const disk_image image = begin();
+    for (uint64_t n = 1; n <= 80; ++n) {
+        reset(image);
+        m.disk.fail_request(n, 1u << 30);
+        workload();
+        m.disk.power_on();
+        ASSERT_EQ(mount(), 0);
+        EXPECT_EQ(machine_texts().find("ERROR"), std::string::npos) << n << machine_texts();
+        EXPECT_EQ(faults(), "") << n;
+    }
+}
+
+TEST_F(BlockFsFault, MountSaysWhatItCannotReadOrWrite) {
+    const auto mount_with_bad = [&](uint64_t sector) {
+        m.disk.fail_sectors(sector);
+        EXPECT_EQ(mount(), -1) << sector;
+        EXPECT_FALSE(blockfs_mounted());
+        std::string said = machine_texts();
+        m.disk.power_on();
+        const size_t at = said.rfind("[vofs]");
+        return at == std::string::npos ? said : said.substr(at);
+    };
+    EXPECT_EQ(mount_with_bad(1), "[vofs] format: bitmap write error at sector 1\n");
+    EXPECT_EQ(mount_with_bad(77), "[vofs] format: inode write error at sector 77\n");
+    ASSERT_EQ(mount(), 0);
+    EXPECT_EQ(mount_with_bad(0), "[vofs] superblock read error\n");
+    EXPECT_EQ(mount_with_bad(1), "[vofs] bitmap read error\n");
+}
+
+TEST_F(BlockFsFault, ABitmapSectorThatCannotBeWrittenIsNamed) {
+    m.disk.image = disk_image(12000);
+    m.reboot();
+    ASSERT_EQ(mount(), 0);  // bitmap sectors 1 to 3
+    write("/fill", file_bytes(4200 * 512));
+    m.disk.fail_sectors(2);
+    machine_texts().clear();
+    EXPECT_EQ(write("/f", file_bytes(1000)), 0);
+    EXPECT_NE(machine_texts().find("[vofs] bitmap write error at sector 2\n"), std::string::npos);
+    m.disk.power_on();
+    EXPECT_EQ(write("/f", file_bytes(1000)), 1000);
+    EXPECT_EQ(faults(), "");
+    ASSERT_EQ(mount(), 0);
+    EXPECT_EQ(faults(), "");
+}
+
+TEST_F(BlockFsFault, AnInodeThatCannotBeReadIsLeftAlone) {
+    ASSERT_EQ(mount(), 0);
+    for (const char* path : {"/a", "/b", "/c"})
+        write(path, file_bytes(700));
+    m.disk.fail_sectors(super().inode_start + 2);
+    ASSERT_EQ(mount(), 0);
+    EXPECT_NE(machine_texts().find("[fsck] ERROR: cannot read inode 2\n"), std::string::npos);
+    EXPECT_EQ(list("/"), "a\nc\n");
+    EXPECT_EQ(blockfs_df(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(blockfs_create("/d", BLOCKFS_FILE), 4);
+    EXPECT_EQ(blockfs_fsck_repair(), -1);
+    m.disk.power_on();
+    EXPECT_EQ(read("/b"), file_bytes(700));
+}
+
+TEST_F(BlockFsFault, MemoryRunsOut) {
+    ASSERT_EQ(mount(), 0);
+    write("/f", file_bytes(9000));
+    const disk_image image = m.disk.image;
+    std::vector<void*> taken;
+    for (size_t size = 16 << 20; size >= 256;)
+        if (void* block = kmalloc(size))
+            taken.push_back(block);
+        else
+            size /= 2;
+    EXPECT_EQ(blockfs_truncate("/f", 8000), -1);
+    EXPECT_EQ(read("/f"), file_bytes(9000));
+    EXPECT_EQ(blockfs_fsck(), 0);
+    EXPECT_EQ(blockfs_fsck_repair(), -1);
+    EXPECT_EQ(blockfs_init(), -1);  // leaves what was mounted behind
+    EXPECT_FALSE(blockfs_mounted());
+    EXPECT_EQ(m.disk.image, image);
+    for (void* block : taken)
+        kfree(block);
+    EXPECT_EQ(mount(), 0);
+}
+
+TEST_F(BlockFsFault, SuperblocksThatLieAreRefused) {
+    ASSERT_EQ(mount(), 0);
+    const vofs_super good = super();
+    const std::vector<std::function<void(vofs_super&)>> lies = {
+        [](vofs_super& s) { s.version = 2; },
+        [](vofs_super& s) { s.total_sectors = SECTORS + 1; },
+        [](vofs_super& s) { s.total_sectors = 0xFFFFFFFF; },
+        [](vofs_super& s) { s.total_sectors = 0; },
+        [](vofs_super& s) { s.inode_count = 0; },
+        [](vofs_super& s) { s.inode_count = 0xFFFFFFFF; },
+        [](vofs_super& s) { s.inode_start = 0xFFFFFFFF; },
+        [](vofs_super& s) {
+            s.bitmap_sectors = 0xFFFFFFFF;
+            s.inode_start = 0;
+        },
+        [](vofs_super& s) { s.bitmap_start = 0; },
+        [](vofs_super& s) {
+            s.data_start = SECTORS;
+            s.inode_count = SECTORS - 2;
+        },
+    };
+    for (const auto& lie : lies) {
+        vofs_super bad = good;
+        lie(bad);
+        put(0, bad);
+        EXPECT_EQ(mount(), -1);
+        EXPECT_EQ(machine_texts(), "[vofs] invalid superblock geometry, refusing mount\n");
+    }
+    m.disk.image = disk_image(258);
+    m.reboot();
+    EXPECT_EQ(mount(), -1);
+    EXPECT_NE(machine_texts().find("disk too small (258 sectors)\n"), std::string::npos);
+}
+
+TEST_F(BlockFsFault, CheckNamesEachFault) {
+    ASSERT_EQ(mount(), 0);
+    blockfs_create("/d", BLOCKFS_DIRECTORY);
+    write("/d/f", file_bytes(7000));
+    write("/d/g", file_bytes(100));
+    const vofs_inode d = inode(1), f = inode(2), g = inode(3);
+    const auto said = [&](uint32_t n, vofs_inode good,
+                          const std::function<void(vofs_inode&)>& lie) {
+        const vofs_inode was = good;
+        lie(good);
+        put_inode(n, good);
+        EXPECT_EQ(mount(), 0);
+        const std::string text = faults();
+        put_inode(n, was);
+        return text;
+    };
+    EXPECT_EQ(said(3, g, [](vofs_inode& i) { i.type = 7; }), "[fsck] ERROR: inode 3 bad type 7\n");
+    EXPECT_EQ(said(3, g, [](vofs_inode& i) { memset(i.name, 'n', 64); }),
+              "[fsck] ERROR: inode 3 name not NUL-terminated\n");
+    EXPECT_EQ(said(3, g, [](vofs_inode& i) { i.parent_inode = 256; }),
+              "[fsck] ERROR: inode 3 parent 256 out of range\n");
+    EXPECT_EQ(said(3, g, [](vofs_inode& i) { i.parent_inode = 2; }),
+              "[fsck] ERROR: inode 3 parent 2 is not a directory\n");
+    EXPECT_EQ(said(3, g, [](vofs_inode& i) { i.name[0] = 'f'; }),
+              "[fsck] ERROR: duplicate name 'f' in parent 1 (inodes 2,3)\n");
+    EXPECT_EQ(said(3, g, [](vofs_inode& i) { i.blocks[0] = 257; }),
+              "[fsck] ERROR: inode 3 direct[0] block 257 out of range\n");
+    EXPECT_EQ(said(3, g, [&](vofs_inode& i) { i.blocks[0] = f.blocks[1]; }),
+              "[fsck] ERROR: block 259 referenced more than once\n");
+    EXPECT_EQ(said(3, g, [](vofs_inode& i) { i.size = 0xFFFFFFFF; }),
+              "[fsck] ERROR: inode 3 size 4294967295 exceeds max 8460288\n"
+              "[fsck] ERROR: inode 3 size needs 8388608 data blocks, has 1\n");
+    EXPECT_EQ(said(1, d,
+                   [](vofs_inode& i) {
+                       i.size = 1;
+                       i.flags = 6;
+                   }),
+              "[fsck] ERROR: directory inode 1 has file data\n"
+              "[fsck] ERROR: inode 1 unknown flags 0x6\n");
+    EXPECT_EQ(said(2, f, [](vofs_inode& i) { i.size = 6000; }),
+              "[fsck] ERROR: inode 2 size needs 12 data blocks, has 14\n"
+              "[fsck] ERROR: inode 2 has unnecessary indirect block\n");
+    EXPECT_EQ(said(2, f, [](vofs_inode& i) { i.double_indirect_block = 9; }),
+              "[fsck] ERROR: inode 2 double-indirect block 9 out of range\n"
+              "[fsck] ERROR: inode 2 has unnecessary double-indirect block\n"
+              "[fsck] WARNING: bitmap has 16 blocks, inodes reference 17\n");
+}
+
+/// Does everything to a volume that may be no such thing.
+void use_everything() {
+    blockfs_fsck();
+    char names[17000];
+    bytes_t data(70000, 1);
+    sys_stat st;
+    for (const char* path : {"/", "/d", "/d/f", "/d/g", "/d/f/x"}) {
+        blockfs_list(path, names, sizeof names);
+        blockfs_stat(path, &st);
+        const int n = blockfs_resolve(path);
+        for (const uint32_t offset : {0u, 6000u, 72000u, 8460000u, 0xFFFFFF00u})
+            blockfs_read_file(n, data.data(), offset, 70000);
+        blockfs_append_file(n, data.data(), 3000);
+        blockfs_truncate_file(n, 80000);
+        blockfs_write_file(n, data.data(), 70000);
+    }
+    (void)blockfs_replace_file("/d/g", "x", 1);
+    blockfs_rename("/d", "/e");
+    blockfs_remove("/e/g");
+    blockfs_remove_recursive("/e");
+    blockfs_create("/d", BLOCKFS_DIRECTORY);
+    blockfs_fsck_repair();
+}
+
+TEST_F(BlockFsFault, HostilePointersAndLoopsDoNoHarm) {
+    ASSERT_EQ(mount(), 0);
+    blockfs_create("/d", BLOCKFS_DIRECTORY);
+    write("/d/f", file_bytes(200000));
+    write("/d/g", file_bytes(100));
+    const disk_image image = m.disk.image;
+    const vofs_inode f = inode(2);
+    const auto use = [&](uint32_t n, const std::function<void(vofs_inode&)>& lie) {
+        m.disk.image = image;
+        vofs_inode bad = inode(n);
+        lie(bad);
+        put_inode(n, bad);
+        if (mount() == 0)
+            use_everything();
+    };
+    use(0, [](vofs_inode& i) { i.type = 0; });
+    use(1, [](vofs_inode& i) { i.parent_inode = 1; });
+    use(1, [](vofs_inode& i) { i.parent_inode = 2; });
+    use(1, [](vofs_inode& i) { i.parent_inode = 0xFFFFFFFF; });
+    use(3, [](vofs_inode& i) {
+        i.parent_inode = 2;
+        i.type = 9;
+    });
+    use(2, [](vofs_inode& i) { memset(i.name, 'f', 64); });
+    use(2, [&](vofs_inode& i) { i.indirect_block = i.double_indirect_block = f.indirect_block; });
+    use(2, [&](vofs_inode& i) {
+        i.indirect_block = 0;
+        i.double_indirect_block = 3;
+    });
+    use(2, [](vofs_inode& i) { i.size = 0xFFFFFFFF; });
+    use(2, [](vofs_inode& i) { i.size = BLOCKFS_FILE_BYTES_MAX; });
+    vofs_pointers loop;
+    std::fill(std::begin(loop.at), std::end(loop.at), f.double_indirect_block);
+    const auto use_pointers = [&](uint32_t sector) {
+        m.disk.image = image;
+        put(sector, loop);
+        ASSERT_EQ(mount(), 0);
+        EXPECT_NE(machine_texts().find("further errors are counted only"), std::string::npos);
+        use_everything();
+    };
+    use_pointers(f.double_indirect_block);
+    std::mt19937 random(1);
+    for (int round = 0; round < 300; ++round) {
+        m.disk.image = image;
+        for (int change = 0; change < 4; ++change) {
+            const uint64_t sector = std::array{0u,
+                                               1u,
+                                               2u + random() % 4u,
+                                               f.indirect_block,
+                                               f.double_indirect_block,
+                                               f.double_indirect_block + 1}[random() % 6];
+            auto bytes = m.disk.image[sector];
+            const uint32_t value = random() % 2 != 0 ? static_cast<uint32_t>(random()) % 5000
+                                                     : static_cast<uint32_t>(random());
+            memcpy(&bytes[random() % 37 * 4], &value, 4);
+            put(sector, bytes);
+        }
+        if (mount() == 0)
+            use_everything();
+    }
+}
+
+}  // namespace
