@@ -22,6 +22,7 @@
 #include "kernel/drivers/pci.h"
 #include "kernel/drivers/virtio_blk.h"
 #include "kernel/fs/blockfs.h"
+#include "kernel/fs/ramfs.h"
 #include "kernel/graph/causal.h"
 
 namespace {
@@ -119,6 +120,11 @@ void start_tasks() {
     kprintf("[boot] Task manager initialized\n");
 }
 
+void start_ram_filesystem() {
+    fs_init();
+    kprintf("[boot] RAM filesystem mounted\n");
+}
+
 void start_timer() {
     hal_timer_init(TIMER_HZ);
     kprintf("[boot] Timer at %u Hz\n", TIMER_HZ);
@@ -162,6 +168,7 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     causal_emit(CAUSAL_SCHED, "boot", "kernel boot started", nullptr, 0);
     start_bus();
     start_tasks();
+    start_ram_filesystem();
     start_storage();
     start_timer();
     hwrng_init();

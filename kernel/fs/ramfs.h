@@ -36,7 +36,7 @@ enum fs_type_t : uint32_t {
     FS_DIRECTORY = 1,
 };
 
-/// A file or directory. Everything but `name` changes under the lock only.
+/// A file or directory. It changes under the lock only.
 struct fs_node_t {
     char name[FS_NAME_SIZE];  ///< its own, not its path; "/" for the root
     fs_type_t type;
