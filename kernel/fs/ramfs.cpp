@@ -77,7 +77,8 @@ fs_node_t* resolve_locked(std::string_view path) REQUIRES(lock) {
         path.remove_prefix(1);
     fs_node_t* node = root();
     while (!path.empty() && node != nullptr) {
-        const size_t length = std::min(path.find('/'), path.size());
+        const auto length =
+            static_cast<size_t>(std::find(path.begin(), path.end(), '/') - path.begin());
         node = find_child(node, {path.data(), length});
         path.remove_prefix(std::min(length + 1, path.size()));
     }
@@ -98,12 +99,12 @@ place_t find_place_locked(const char* path) REQUIRES(lock) {
     constexpr place_t NOWHERE = {nullptr, {}};
     if (path == nullptr)
         return NOWHERE;
-    const std::string_view whole(path);
-    const size_t slash = whole.rfind('/');
-    const bool in_root = slash == std::string_view::npos || slash == 0;
-    const std::string_view name =
-        slash == std::string_view::npos ? whole : std::string_view(path + slash + 1);
-    const std::string_view parent_path = in_root ? "/" : std::string_view(path, slash);
+    const char* slash = strrchr(path, '/');
+    const std::string_view name = slash == nullptr ? path : slash + 1;
+    const std::string_view parent_path =
+        slash == nullptr || slash == path
+            ? std::string_view("/")
+            : std::string_view(path, static_cast<size_t>(slash - path));
     if (name.empty() || name.size() >= FS_NAME_SIZE || parent_path.size() > FS_PARENT_PATH_MAX)
         return NOWHERE;
     fs_node_t* parent = resolve_locked(parent_path);
