@@ -39,3 +39,6 @@ void measure_each(const char* name, uint32_t repeats, Operation operation) {
 /// Measures the storage of a machine with a disk, which loses what was on it. Prints a line that
 /// begins with "bench failed" for what goes wrong.
 void measure_storage();
+
+/// Measures the filesystem on the same disk; `second` is the time-stamp counts of a second.
+void measure_vofs(uint64_t second);

@@ -59,4 +59,5 @@ void measure_storage() {
     memset(data.get(), 0xA5, LARGE * BLK_SECTOR_SIZE);
     measure_requests("disk-write-512", "disk-read-512", data.get(), SMALL);
     measure_requests("disk-write-64K", "disk-read-64K", data.get(), LARGE);
+    measure_vofs(second);
 }
