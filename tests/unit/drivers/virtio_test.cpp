@@ -1,5 +1,7 @@
 #include "kernel/drivers/virtio.h"
 
+#include <limits.h>
+
 #include "tests/unit/drivers/virtio_fixture.h"
 
 namespace {
@@ -109,6 +111,16 @@ TEST_F(Virtio, AFullQueueAndEmptyBuffersAreRefused) {
     EXPECT_EQ(virtq_push(vq, bufs, 3), 0);
     EXPECT_EQ(virtq_push(vq, bufs, 3), 3);
     EXPECT_EQ(virtq_push(vq, bufs, 3), -1);
+}
+
+TEST_F(Virtio, WhatTheDeviceNeverGotFreesNothing) {
+    ASSERT_EQ(start(), 0);
+    ASSERT_EQ(virtq_push(vq, bufs, 3), 0);
+    for (const uint32_t id : {8u, 5u, ~0u}) {
+        device.give(0, id, 1);
+        EXPECT_EQ(virtq_pop(vq, nullptr), static_cast<int>(std::min(id, uint32_t{INT_MAX})));
+        EXPECT_EQ(vq->num_free, 5);
+    }
 }
 
 }  // namespace
