@@ -24,6 +24,7 @@
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/ramfs.h"
 #include "kernel/graph/causal.h"
+#include "kernel/graph/replay.h"
 
 namespace {
 
@@ -165,6 +166,7 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     start_interrupts();
     start_memory(info);
     causal_init();
+    replay_init();
     causal_emit(CAUSAL_SCHED, "boot", "kernel boot started", nullptr, 0);
     start_bus();
     start_tasks();

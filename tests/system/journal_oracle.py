@@ -1,5 +1,5 @@
-"""An independent reader and judge of journals: it shares no code with the kernel and the host tools,
-and knows only the formats that docs/formats describes. The tests hold ours against it.
+"""An independent reader and judge of journals: it shares no code with the kernel and the host
+tools, and knows only the formats that docs/formats describes. The tests hold ours against it.
 
 judge(files) gives 0 (sound and signed), 1 (bad) or 4 (sound as far as it can be told, but not all
 signed), which are the auditor's exit codes.

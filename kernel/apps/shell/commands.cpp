@@ -11,6 +11,7 @@
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/graph/causal.h"
+#include "kernel/graph/replay.h"
 
 namespace {
 
@@ -52,9 +53,10 @@ constinit const command_t commands[] = {
     {"events", cmd_events},   {"effects", cmd_effects}, {"blast", cmd_blast},
     {"autopsy", cmd_autopsy}, {"trace", cmd_trace},     {"cpath", cmd_cpath},
     {"cdot", cmd_cdot},       {"graph", cmd_graph},     {"graph-health", cmd_graph_health},
-    {"orphans", cmd_orphans}, {"crypto", cmd_crypto},   {"hexdump", cmd_hexdump},
-    {"random", cmd_random},   {"schema", cmd_schema},   {"dmesg", cmd_dmesg},
-    {"heap", cmd_heap},       {"memleak", cmd_memleak}, {nullptr, nullptr},
+    {"replay", cmd_replay},   {"orphans", cmd_orphans}, {"crypto", cmd_crypto},
+    {"hexdump", cmd_hexdump}, {"random", cmd_random},   {"schema", cmd_schema},
+    {"dmesg", cmd_dmesg},     {"heap", cmd_heap},       {"memleak", cmd_memleak},
+    {nullptr, nullptr},
 };
 
 int dispatch(int argc, char** argv) {
