@@ -1,9 +1,8 @@
-// Bringing a device up, and its rings. The legacy layout of a queue with q descriptors, the parts
-// starting on 4096-byte boundaries where a rule is drawn:
+// Bringing a device up, and its rings. The legacy layout of a queue with q descriptors, one heap
+// block; both parts begin on 4096-byte boundaries:
 //
-//     |--------------------------------------|----------------|
-//     | descriptors 16q | available ring 6+2q| used ring 6+8q |
-//
+//     | descriptors 16q | available ring 6+2q | ... | used ring 6+8q | ... |
+//     |<------- written by the driver ------------->|<-- by the device --->|
 #include "kernel/drivers/virtio.h"
 
 #include <limits.h>
