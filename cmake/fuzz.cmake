@@ -36,3 +36,5 @@ vorn_fuzz(line ${VORN_STRING_SOURCES}
   ${CMAKE_SOURCE_DIR}/kernel/drivers/keymap.cpp ${CMAKE_SOURCE_DIR}/kernel/drivers/serial_keys.cpp
   ${CMAKE_SOURCE_DIR}/kernel/apps/shell/history.cpp
   ${CMAKE_SOURCE_DIR}/kernel/apps/shell/line_editor.cpp)
+file(GLOB VORN_VOFS_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/kernel/fs/blockfs/*.cpp)
+vorn_fuzz(vofs ${VORN_STRING_SOURCES} ${VORN_VOFS_SOURCES})
