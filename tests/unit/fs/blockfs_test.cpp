@@ -1,39 +1,38 @@
 // What VoFS does for its callers on a disk that works.
+#include <bit>
+
 #include "tests/unit/fs/volume.h"
 
 namespace {
 
-TEST(VofsFormat, EverySizeGivesAGeometryThatMounts) {
+TEST(VofsFormat, EverySizeGivesAGeometryThatMountsAndNoOtherDoes) {
     vofs_super sb;
     EXPECT_FALSE(vofs_make_super(258, &sb));
     for (uint32_t size = 259; size <= VOFS_SECTORS_MAX; size += size < 30000 ? 1 : 509) {
         ASSERT_TRUE(vofs_make_super(size, &sb));
         ASSERT_TRUE(vofs_super_valid(sb, size)) << size;
         ASSERT_EQ(sb.total_sectors, (size - 258) % 4097 == 0 ? size - 1 : size);
-        for (const uint32_t wrong : {sb.bitmap_sectors - 1, sb.bitmap_sectors + 1}) {
-            vofs_super other = sb;
-            other.bitmap_sectors = wrong;
-            ASSERT_FALSE(vofs_super_valid(other, size));
+        // Word and value, word and value, ...
+        const std::array<uint32_t, 28> lies = {1, 2,
+                                               2, size + 1,
+                                               2, ~0u,
+                                               2, 0,
+                                               3, 0,
+                                               3, ~0u,
+                                               4, ~0u,
+                                               5, size,
+                                               6, 0,
+                                               6, 2,
+                                               7, 0,
+                                               7, ~0u,
+                                               7, sb.bitmap_sectors - 1,
+                                               7, sb.bitmap_sectors + 1};
+        for (size_t i = 0; i < lies.size(); i += 2) {
+            auto words = std::bit_cast<std::array<uint32_t, 128>>(sb);
+            words[lies[i]] = lies[i + 1];
+            ASSERT_FALSE(vofs_super_valid(std::bit_cast<vofs_super>(words), size)) << i;
         }
     }
-    ASSERT_TRUE(vofs_make_super(1000, &sb));
-    EXPECT_EQ(sb.bitmap_sectors, 1u);
-    EXPECT_EQ(sb.inode_start, 2u);
-    EXPECT_EQ(sb.data_start, 258u);
-    EXPECT_FALSE(vofs_super_valid(sb, 999));
-}
-
-TEST(VofsFormat, PlacesCountBlocksAndBack) {
-    uint32_t data = 0;
-    for (uint32_t place = 0; place < VOFS_PLACES_MAX; ++place) {
-        ASSERT_EQ(vofs_blocks_within(place), data) << place;
-        const vofs_place it = vofs_place_at(place);
-        if (it.kind != vofs_kind::data)
-            continue;
-        ASSERT_EQ(it.index, data);
-        ASSERT_EQ(vofs_place_of_block(data++), place);
-    }
-    EXPECT_EQ(data, VOFS_BLOCKS_MAX);
 }
 
 TEST(VofsFormat, Paths) {
@@ -45,9 +44,9 @@ TEST(VofsFormat, Paths) {
          {"", "a", "/a/", "//a", "/a//b", "/.", "/..", "/a/./b", "/a/..", too_long.c_str()})
         EXPECT_FALSE(vofs_path_valid(bad)) << bad;
     EXPECT_FALSE(vofs_path_valid(nullptr));
-    const std::string deep = longest + longest + longest + "/" + std::string(62, 'n');
-    EXPECT_TRUE(vofs_path_valid(deep.c_str()));
-    EXPECT_FALSE(vofs_path_valid((deep + "n").c_str()));
+    const std::string deep = longest + longest + longest + longest;
+    EXPECT_TRUE(vofs_path_valid(deep.substr(0, 255).c_str()));
+    EXPECT_FALSE(vofs_path_valid(deep.c_str()));
 }
 
 class BlockFs : public Volume {
@@ -55,36 +54,20 @@ protected:
     BlockFs() { EXPECT_EQ(mount(), 0); }
 };
 
-TEST_F(BlockFs, FormatsAndMountsAgain) {
-    EXPECT_EQ(machine_texts(),
-              "[vofs] No filesystem found — formatting\n"
-              "[vofs] Formatted: 4096 sectors, 256 inodes, data@258\n"
-              "[vofs] Mounted: 4096 sectors, 256 inodes\n");
-    EXPECT_STREQ(causal_get_ring(causal_get_next_id() - 1)->desc, "format 4096 sectors pid=0");
-    const disk_image formatted = m.disk.image;
+TEST_F(BlockFs, FormattingAndMountingAreRecorded) {
+    const auto newest = [] { return causal_get_ring(causal_get_next_id() - 1)->desc; };
+    EXPECT_STREQ(newest(), "format 4096 sectors pid=0");
     ASSERT_EQ(mount(), 0);
-    EXPECT_EQ(machine_texts(),
-              "[vofs] Mounted: 4096 sectors, 256 inodes\n"
-              "[fsck] 1 inodes, 0 blocks used, 0 blocks in bitmap\n");
-    EXPECT_EQ(m.disk.image, formatted);
-    EXPECT_EQ(inode(0).name, std::string("/"));
+    EXPECT_STREQ(newest(), "mount 4096 sectors, 0 files pid=0");
 }
 
 TEST_F(BlockFs, ContentsOfEveryLengthAroundTheEdges) {
-    constexpr uint32_t B = 512;
-    const std::map<uint32_t, uint32_t> sizes = {{0, 0},
-                                                {1, 1},
-                                                {B, 1},
-                                                {B + 1, 2},
-                                                {12 * B, 12},
-                                                {12 * B + 1, 14},
-                                                {140 * B - 1, 141},
-                                                {140 * B, 141},
-                                                {140 * B + 1, 144},
-                                                {268 * B, 271},
-                                                {268 * B + 1, 273},
-                                                {1000 * B + 7, 1010}};
-    for (const auto& [size, blocks] : sizes) {
+    // Size, blocks, size, blocks, ...
+    constexpr std::array<uint32_t, 24> EDGES = {0,     0,   1,      1,   512,    1,   513,    2,
+                                                6144,  12,  6145,   14,  71679,  141, 71680,  141,
+                                                71681, 144, 137216, 271, 137217, 273, 512007, 1010};
+    for (size_t i = 0; i < EDGES.size(); i += 2) {
+        const uint32_t size = EDGES[i], blocks = EDGES[i + 1];
         const bytes_t data = file_bytes(size, size);
         ASSERT_EQ(write("/f", data), static_cast<int>(size));
         EXPECT_EQ(used_blocks(), blocks);
@@ -94,23 +77,6 @@ TEST_F(BlockFs, ContentsOfEveryLengthAroundTheEdges) {
         EXPECT_EQ(st.blocks, blocks);
         ASSERT_EQ(mount(), 0);
         EXPECT_EQ(read("/f"), data);
-        EXPECT_EQ(faults(), "");
-    }
-}
-
-TEST_F(BlockFs, AppendsEqualOneWriteOfTheWhole) {
-    const bytes_t data = file_bytes(300 * 512);
-    ASSERT_EQ(write("/whole", data), static_cast<int>(data.size()));
-    for (const size_t step : {1u, 100u, 511u, 512u, 700u, 70000u}) {
-        write("/grown", {});
-        const size_t end = step == 1 ? 1500 : data.size();
-        for (size_t at = 0; at < end;) {
-            const size_t count = std::min(step, end - at);
-            ASSERT_EQ(append("/grown", {data.begin() + at, data.begin() + at + count}),
-                      static_cast<int>(count));
-            at += count;
-        }
-        EXPECT_EQ(read("/grown"), bytes_t(data.begin(), data.begin() + end)) << step;
         EXPECT_EQ(faults(), "");
     }
 }
@@ -222,11 +188,9 @@ TEST_F(BlockFs, AllInodesUsed) {
     EXPECT_EQ(used_blocks(), 0u);
     EXPECT_EQ(blockfs_remove("/file-100"), 0);
     EXPECT_EQ(blockfs_create("/more", BLOCKFS_FILE), 100);
-    uint32_t used = 0, free = 0;
-    blockfs_df(nullptr, nullptr, nullptr, nullptr, &used, &free);
-    EXPECT_EQ(used, 256u);
+    uint32_t free = 1;
+    EXPECT_EQ(blockfs_df(nullptr, nullptr, nullptr, nullptr, nullptr, &free), 0);
     EXPECT_EQ(free, 0u);
-    EXPECT_EQ(faults(), "");
 }
 
 std::vector<std::string> told;
@@ -261,30 +225,24 @@ TEST_F(BlockFs, ChangesAreTold) {
     EXPECT_EQ(told, expected);
 }
 
-TEST_F(BlockFs, CacheKeepsTheLastSixteenSectors) {
+TEST_F(BlockFs, CacheCountsSectorsReallyRead) {
     write("/f", file_bytes(40 * 512));
     const int f = blockfs_resolve("/f");
     bytes_t buf(8 * 512);
-    const auto read_block = [&](uint32_t block) {
-        blockfs_read_file(f, buf.data(), block * 512, 1);
+    const auto expect = [](uint32_t hits, uint32_t misses, uint32_t writes, uint32_t invalid) {
+        blockfs_cache_stats_t is;
+        blockfs_cache_stats(&is);
+        EXPECT_EQ((std::array{is.hits, is.misses, is.writes, is.invalidations}),
+                  (std::array{hits, misses, writes, invalid}));
     };
-    for (uint32_t block = 0; block < 3; ++block)
-        read_block(block);
     blockfs_cache_clear();
-    blockfs_cache_stats_t stats;
     for (uint32_t block = 0; block < 12; ++block)
-        read_block(block);
-    blockfs_cache_stats(&stats);
-    EXPECT_EQ(stats.misses, 13u);  // the inode too
-    EXPECT_EQ(stats.hits, 11u);
+        blockfs_read_file(f, buf.data(), block * 512, 1);
+    expect(11, 13, 0, 0);                          // the inode each time
     blockfs_read_file(f, buf.data(), 0, 8 * 512);  // passes the cache by
-    blockfs_cache_stats(&stats);
-    EXPECT_EQ(stats.misses, 13u);
-    EXPECT_EQ(stats.hits, 12u);
-    blockfs_write_file(f, buf.data(), 8 * 512);  // the same sectors, in one request
-    blockfs_cache_stats(&stats);
-    EXPECT_EQ(stats.invalidations, 8u);
-    EXPECT_EQ(stats.writes, 4u);  // inode, bitmap, data, inode
+    expect(12, 13, 0, 0);
+    blockfs_write_file(f, buf.data(), 8 * 512);  // inode, bitmap, the same data sectors, inode
+    expect(13, 14, 4, 8);
 }
 
 }  // namespace
