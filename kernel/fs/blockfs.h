@@ -160,7 +160,7 @@ int blockfs_fsck();
 /// when references contradict each other or cannot be read, or -1 when it could not be written.
 int blockfs_fsck_repair();
 
-/// Copies the counters (null: nothing). Any context.
+/// Copies the counters (null: nothing).
 void blockfs_cache_stats(blockfs_cache_stats_t* stats);
 
 /// Empties the sector cache and zeroes the counters.

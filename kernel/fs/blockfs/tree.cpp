@@ -26,7 +26,7 @@ uint32_t removable_locked(const char* path) REQUIRES(vofs_lock) {
     return entry_writable_locked(vofs.index[n].parent) ? n : VOFS_NO_INODE;
 }
 
-/// Frees inode `n`, then what it reached.
+/// Frees inode `n`, then what it reached; the bitmap is still to be flushed.
 int erase_locked(uint32_t n) REQUIRES(vofs_lock) {
     vofs_inode inode;
     if (inode_read_locked(n, &inode) != 0)
@@ -35,7 +35,6 @@ int erase_locked(uint32_t n) REQUIRES(vofs_lock) {
     if (inode_write_locked(n, free) != vofs_stored::yes)
         return -1;
     release_blocks_locked(inode);
-    bitmap_flush_locked();
     return 0;
 }
 
@@ -49,6 +48,7 @@ int remove_locked(const char* path) REQUIRES(vofs_lock) {
     const uint32_t parent = vofs.index[n].parent;
     if (erase_locked(n) != 0)
         return -1;
+    bitmap_flush_locked();
     inode_touch_locked(parent);
     return 0;
 }
@@ -87,8 +87,10 @@ int remove_recursive_locked(const char* path) REQUIRES(vofs_lock) {
         return -1;
     record_path("delete-tree", path);
     const uint32_t parent = vofs.index[n].parent;
-    if (erase_tree_locked(n) != 0)
-        return -1;
+    const int failed = erase_tree_locked(n);
+    bitmap_flush_locked();
+    if (failed != 0)
+        return failed;
     inode_touch_locked(parent);
     return 0;
 }

@@ -105,6 +105,28 @@ TEST_F(BlockFsFault, AnyOneRequestFails) {
     }
 }
 
+TEST_F(BlockFsFault, ABadSectorAnywhereInAFile) {
+    ASSERT_EQ(mount(), 0);
+    write("/f", file_bytes(76000));
+    const disk_image image = m.disk.image;
+    for (uint32_t place = 0; place < 300; place += place < 150 ? 1 : 7) {
+        m.disk.image = image;
+        ASSERT_EQ(mount(), 0);
+        m.disk.fail_sectors(258 + place);
+        const bytes_t more = file_bytes(70000, 8), data = file_bytes(140000, 2);
+        may_hold["/f"] = {file_bytes(76000)};
+        grew("/f", more, append("/f", more));
+        m.disk.power_on();
+        judge("append, bad place " + std::to_string(place));
+        m.disk.fail_sectors(258 + place);
+        wrote("/f", data, write("/f", data));
+        m.disk.power_on();
+        judge("bad place " + std::to_string(place));
+        judge_mount("bad place " + std::to_string(place));
+        judge("bad place, mounted again");
+    }
+}
+
 TEST_F(BlockFsFault, MountSaysWhatItCannotReadOrWrite) {
     const auto mount_with_bad = [&](uint64_t sector) {
         m.disk.fail_sectors(sector);
