@@ -35,6 +35,11 @@ void cmd_uptime(int argc, char** argv);
 /// `irqstat`: hardware interrupts by line.
 void cmd_irqstat(int argc, char** argv);
 
+/// `halt`: says goodbye, waits half a second and switches the machine off. Nothing is written out
+/// first: the disk is sound after it as after any other end of power. Does not return. Records
+/// CAUSAL_SHELL "system" "ACPI poweroff".
+void cmd_halt(int argc, char** argv);
+
 /// `crash <kind>`: raises a processor exception in the kernel; without a known kind prints a list.
 void cmd_crash(int argc, char** argv);
 

@@ -34,6 +34,20 @@ void crypto_wipe(void* buf, size_t len);
 /// BLAKE2s-256 without a key (RFC 7693): `out` receives 32 bytes; it may lie inside `in`.
 void blake2s(uint8_t* out, const void* in, uint32_t inlen);
 
+/// BLAKE2s-256 of a message that comes in pieces, of less than 2^32 bytes in all.
+struct blake2s_t {
+    uint32_t state[8];
+    uint32_t total;  ///< bytes compressed
+    uint32_t held;   ///< bytes of `block` in use
+    uint8_t block[64];
+};
+
+void blake2s_start(blake2s_t* hash);
+void blake2s_add(blake2s_t* hash, const void* in, uint32_t inlen);
+
+/// Writes the 32 bytes of the digest and wipes `hash`.
+void blake2s_end(blake2s_t* hash, uint8_t* out);
+
 /// SHA-512 (FIPS 180-4): `out` receives 64 bytes; it may lie inside `in`.
 void sha512(uint8_t* out, const void* in, uint32_t inlen);
 

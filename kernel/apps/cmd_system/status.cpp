@@ -1,4 +1,5 @@
 // What the system is and how it fares: version, time, terminal, interrupts, log.
+#include "arch/x86/hal.h"
 #include "arch/x86/vga.h"
 #include "kernel/apps/cmd_system.h"
 #include "kernel/apps/shell.h"
@@ -9,6 +10,7 @@
 #include "kernel/core/version.h"
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/dmesg.h"
+#include "kernel/graph/causal.h"
 
 namespace {
 
@@ -83,6 +85,19 @@ void cmd_irqstat(int, char**) {
     kprintf("---  -----------  -------\n");
     kprintf("     %11u  %7u  TOTAL\n", sum, sum / seconds);
     console_set_color(CONSOLE_GREY, CONSOLE_BLACK);
+}
+
+void cmd_halt(int, char**) {
+    constexpr uint32_t WAIT_TICKS = 50;
+    console_set_color(CONSOLE_BRIGHT_CYAN, CONSOLE_BLACK);
+    kprintf("\n  Powering off Vorn...\n");
+    kprintf("  Thank you for exploring!\n\n");
+    console_set_color(CONSOLE_GREY, CONSOLE_BLACK);
+    const uint32_t start = system_ticks;
+    while (system_ticks - start < WAIT_TICKS)
+        task_sleep(1);
+    causal_emit(CAUSAL_SHELL, "system", "ACPI poweroff", nullptr, 0);
+    hal_shutdown();
 }
 
 void cmd_dmesg(int argc, char** argv) {

@@ -11,7 +11,7 @@ namespace {
 
 constexpr uint32_t BLOCK_BYTES = 64;
 constexpr uint32_t LAST_BLOCK = 0xFFFFFFFF;
-constexpr uint32_t DEAD_STACK_BYTES = 320;  // compress's frame, rounded up
+constexpr uint32_t DEAD_STACK_BYTES = 384;  // the frames of compress and its caller, rounded up
 
 // Digest length 32, no key, fanout and depth 1: the only parameter word that is not zero.
 constexpr uint32_t PARAMETERS = 0x01010020;
@@ -32,7 +32,6 @@ constexpr uint8_t blake2s_sigma[10][16] = {
     {10, 2, 8, 4, 7, 6, 1, 5, 15, 11, 9, 14, 3, 12, 13, 0},
 };
 
-using state_t = std::array<uint32_t, 8>;
 using work_t = std::array<uint32_t, 16>;
 
 /// The quarter round G on words a, b, c, d of `v` with two message words.
@@ -64,7 +63,7 @@ template <size_t ROUND>
 
 /// The compression function F; `total` is the number of message bytes up to the block's end. The
 /// high word of the counter stays zero, because a length has 32 bits.
-[[gnu::noinline]] void compress(state_t& h, const uint8_t* block, uint32_t total, uint32_t last) {
+[[gnu::noinline]] void compress(uint32_t* h, const uint8_t* block, uint32_t total, uint32_t last) {
     work_t v;
     for (size_t i = 0; i < 8; ++i) {
         v[i] = h[i];
@@ -88,25 +87,50 @@ template <size_t ROUND>
 
 }  // namespace
 
-void blake2s(uint8_t* out, const void* in, uint32_t inlen) {
-    const auto* from = static_cast<const uint8_t*>(in);
-    state_t h = IV;
-    h[0] ^= PARAMETERS;
+void blake2s_start(blake2s_t* hash) {
+    *hash = {};
+    for (size_t i = 0; i < IV.size(); ++i)
+        hash->state[i] = IV[i];
+    hash->state[0] ^= PARAMETERS;
+}
 
-    // The last block, full or not, is compressed as such; an empty message has an empty one.
-    uint32_t done = 0;
-    for (; inlen - done > BLOCK_BYTES; done += BLOCK_BYTES)
-        compress(h, from + done, done + BLOCK_BYTES, 0);
-    if (inlen - done == BLOCK_BYTES) {
-        compress(h, from + done, inlen, LAST_BLOCK);
-    } else {
-        uint8_t block[BLOCK_BYTES] = {};
-        if (inlen != done)
-            memcpy(block, from + done, inlen - done);
-        compress(h, block, inlen, LAST_BLOCK);
-        crypto_wipe(block, sizeof block);
+void blake2s_add(blake2s_t* hash, const void* in, uint32_t inlen) {
+    const auto* from = static_cast<const uint8_t*>(in);
+    // The last block is compressed as such: a full one waits until more follows.
+    while (inlen > 0) {
+        if (hash->held == BLOCK_BYTES) {
+            hash->total += BLOCK_BYTES;
+            compress(hash->state, hash->block, hash->total, 0);
+            hash->held = 0;
+        }
+        if (hash->held == 0 && inlen > BLOCK_BYTES) {
+            hash->total += BLOCK_BYTES;
+            compress(hash->state, from, hash->total, 0);
+            from += BLOCK_BYTES;
+            inlen -= BLOCK_BYTES;
+            continue;
+        }
+        const uint32_t room = BLOCK_BYTES - hash->held;
+        const uint32_t piece = inlen < room ? inlen : room;
+        memcpy(hash->block + hash->held, from, piece);
+        hash->held += piece;
+        from += piece;
+        inlen -= piece;
     }
-    for (size_t i = 0; i < h.size(); ++i)
-        store_le32(out + 4 * i, h[i]);
+}
+
+void blake2s_end(blake2s_t* hash, uint8_t* out) {
+    memset(hash->block + hash->held, 0, BLOCK_BYTES - hash->held);
+    compress(hash->state, hash->block, hash->total + hash->held, LAST_BLOCK);
+    for (size_t i = 0; i < IV.size(); ++i)
+        store_le32(out + 4 * i, hash->state[i]);
+    crypto_wipe(hash, sizeof *hash);
     wipe_dead_stack<DEAD_STACK_BYTES>();
+}
+
+void blake2s(uint8_t* out, const void* in, uint32_t inlen) {
+    blake2s_t hash;
+    blake2s_start(&hash);
+    blake2s_add(&hash, in, inlen);
+    blake2s_end(&hash, out);
 }

@@ -17,6 +17,19 @@ TEST(Hashes, AgreeWithHashlibOverAllBlockEdges) {
     EXPECT_EQ(over(large), "3ef2d03a070ef9c8316a4a2a5dff2d7dc2d799176daf8958badd4311026626a4");
 }
 
+TEST(Hashes, OfPiecesAreThoseOfTheWhole) {
+    const bytes_t in = pattern(7, 300);
+    for (uint32_t piece : {1u, 63u, 64u, 65u, 128u, 299u}) {
+        blake2s_t hash;
+        blake2s_start(&hash);
+        for (uint32_t at = 0; at < in.size(); at += piece)
+            blake2s_add(&hash, &in[at], std::min(piece, static_cast<uint32_t>(in.size()) - at));
+        bytes_t digest(BLAKE2S_BYTES);
+        blake2s_end(&hash, digest.data());
+        EXPECT_EQ(hex(digest), hex(blake2s_of(in))) << piece;
+    }
+}
+
 TEST(Hashes, MayWriteOverTheirInput) {
     bytes_t text = {'a', 'b', 'c'};
     text.resize(BLAKE2S_BYTES);

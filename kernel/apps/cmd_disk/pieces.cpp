@@ -1,0 +1,39 @@
+// Contents in pieces: from a file, and to the console.
+#include "kernel/apps/cmd_disk/common.h"
+#include "kernel/drivers/console.h"
+#include "kernel/fs/blockfs.h"
+
+bool disk_reader_t::open(const char* command, const disk_entry_t& entry) {
+    command_ = command;
+    entry_ = &entry;
+    offset_ = 0;
+    if (!buffer_)
+        buffer_ = heap_ptr<uint8_t>::make(DISK_PIECE_BYTES);
+    if (!buffer_)
+        disk_complain(command, entry.path, "no memory");
+    return static_cast<bool>(buffer_);
+}
+
+int disk_reader_t::next(uint32_t most) {
+    const uint32_t length = most < DISK_PIECE_BYTES ? most : DISK_PIECE_BYTES;
+    const int got =
+        blockfs_read_file(static_cast<int>(entry_->stat.inode), buffer_.get(), offset_, length);
+    if (got < 0)
+        disk_complain(command_, entry_->path, "the disk fails");
+    else
+        offset_ += static_cast<uint32_t>(got);
+    return got;
+}
+
+void disk_output_t::write(const uint8_t* bytes, uint32_t len) {
+    if (len == 0)
+        return;
+    console_write_len(bytes, len);
+    last_ = bytes[len - 1];
+}
+
+void disk_output_t::end() {
+    if (last_ != '\n')
+        console_write("\n");
+    last_ = '\n';
+}

@@ -1,0 +1,165 @@
+// Directories: a sorted listing, and the walk through all that is below one.
+#include <algorithm>
+#include <new>
+
+#include "kernel/apps/cmd_disk/common.h"
+#include "kernel/core/string.h"
+#include "kernel/fs/blockfs.h"
+
+namespace {
+
+constexpr uint32_t LIST_BYTES = 16641;  // every listing of a volume of 256 inodes
+constexpr uint32_t LIST_BYTES_MAX = 4u << 20;
+
+/// The listing as text, in a buffer that held it all; its number of names.
+int list_text(const char* path, heap_ptr<char>* text) {
+    for (uint32_t bytes = LIST_BYTES; bytes <= LIST_BYTES_MAX; bytes *= 2) {
+        *text = heap_ptr<char>::make(bytes);
+        if (!*text)
+            return -1;
+        const int count = blockfs_list(path, text->get(), static_cast<int>(bytes));
+        // A name that did not fit may be missing only where little room is left.
+        if (count < 0 || strlen(text->get()) + BLOCKFS_NAME_MAX + 3 <= bytes)
+            return count;
+    }
+    return -1;
+}
+
+bool copy_names(const char* text, uint32_t count, disk_listing_t* listing) {
+    const size_t bytes = strlen(text) + 1;
+    listing->text = heap_ptr<char>::make(bytes);
+    listing->names = heap_ptr<const char*>::make(count);
+    if (!listing->text || !listing->names)
+        return false;
+    memcpy(listing->text.get(), text, bytes);
+    char* at = listing->text.get();
+    for (uint32_t i = 0; i < count; ++i) {
+        char* end = strchr(at, '\n');
+        if (end == nullptr)
+            return false;
+        *end = '\0';
+        listing->names[i] = at;
+        at = end + 1;
+    }
+    std::sort(listing->names.get(), listing->names.get() + count,
+              [](const char* a, const char* b) { return strcmp(a, b) < 0; });
+    listing->count = count;
+    return true;
+}
+
+/// A directory that the walk is in.
+struct level_t {
+    level_t* up;
+    disk_listing_t listing;
+    uint32_t next;  ///< name
+    struct sys_stat stat;
+    uint32_t blocks;
+    bool last;
+};
+
+struct walk_t {
+    const char* command;
+    disk_visit_fn visit;
+    void* context;
+    disk_entry_t entry;  ///< the one at hand; its path grows and shrinks
+    level_t* top;
+    uint32_t depth;  ///< levels
+};
+
+void visit(const walk_t& walk, uint32_t depth, bool last, bool leaving, uint32_t blocks) {
+    walk.visit({&walk.entry, depth, last, leaving, blocks}, walk.context);
+}
+
+/// The entry at hand is its directory again.
+void cut(walk_t* walk) {
+    char* slash = strrchr(walk->entry.path, '/');
+    slash[slash == walk->entry.path ? 1 : 0] = '\0';
+}
+
+/// Enters the directory at hand; false after a line when there is no memory.
+bool enter(walk_t* walk, bool last) {
+    void* block = kmalloc(sizeof(level_t));
+    if (block == nullptr) {
+        disk_complain(walk->command, walk->entry.path, "no memory");
+        return false;
+    }
+    auto* level = new (block) level_t{walk->top, {}, 0, walk->entry.stat, 0, last};
+    level->blocks = walk->entry.stat.blocks;
+    if (!disk_list(walk->command, walk->entry.path, &level->listing))
+        level->listing.count = 0;
+    walk->top = level;
+    ++walk->depth;
+    return true;
+}
+
+/// Leaves the directory that the walk is in.
+void leave(walk_t* walk) {
+    level_t* level = walk->top;
+    walk->entry.stat = level->stat;
+    walk->top = level->up;
+    --walk->depth;
+    if (walk->top != nullptr)
+        walk->top->blocks += level->blocks;
+    visit(*walk, walk->depth, level->last, true, level->blocks);
+    cut(walk);
+    level->~level_t();
+    kfree(level);
+}
+
+/// Makes the next name of the directory the entry at hand; false when it cannot be looked at.
+bool step(walk_t* walk, const char* name) {
+    const size_t length = strlen(walk->entry.path);
+    const char* between = strcmp(walk->entry.path, "/") == 0 ? "" : "/";
+    char* end = walk->entry.path + length;
+    const size_t room = sizeof walk->entry.path - length;
+    if (strlen(between) + strlen(name) >= room || walk->depth >= DISK_DEPTH_MAX) {
+        disk_complain(walk->command, name, "its path is too long");
+        return false;
+    }
+    ksnprintf(end, room, "%s%s", between, name);
+    if (blockfs_stat(walk->entry.path, &walk->entry.stat) == 0)
+        return true;
+    disk_complain(walk->command, walk->entry.path, "cannot be read");
+    cut(walk);
+    return false;
+}
+
+}  // namespace
+
+bool disk_list(const char* command, const char* path, disk_listing_t* listing) {
+    heap_ptr<char> text;
+    const int count = list_text(path, &text);
+    if (!text)
+        disk_complain(command, path, "no memory");
+    else if (count < 0)
+        disk_complain(command, path, "cannot be read");
+    else if (!copy_names(text.get(), static_cast<uint32_t>(count), listing))
+        disk_complain(command, path, "no memory");
+    else
+        return true;
+    return false;
+}
+
+void disk_walk(const char* command, const disk_entry_t& root, disk_visit_fn visit_fn,
+               void* context) {
+    walk_t walk{command, visit_fn, context, root, nullptr, 0};
+    visit(walk, 0, true, false, 0);
+    if (!disk_is_directory(root))
+        return;
+    if (!enter(&walk, true))
+        return;
+    while (walk.top != nullptr) {
+        level_t* level = walk.top;
+        if (level->next == level->listing.count) {
+            leave(&walk);
+            continue;
+        }
+        const char* name = level->listing.names[level->next++];
+        const bool last = level->next == level->listing.count;
+        if (!step(&walk, name))
+            continue;
+        visit(walk, walk.depth, last, false, 0);
+        if (!disk_is_directory(walk.entry) || !enter(&walk, last))
+            cut(&walk);
+    }
+}
