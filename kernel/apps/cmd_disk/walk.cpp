@@ -159,6 +159,8 @@ void disk_walk(const char* command, const disk_entry_t& root, disk_visit_fn visi
         if (!step(&walk, name))
             continue;
         visit(walk, walk.depth, last, false, 0);
+        if (!disk_is_directory(walk.entry))
+            level->blocks += walk.entry.stat.blocks;
         if (!disk_is_directory(walk.entry) || !enter(&walk, last))
             cut(&walk);
     }
