@@ -41,6 +41,15 @@ constexpr uint8_t SLAVE_MASK = 0xFF;
 constexpr uint8_t END_OF_INTERRUPT = 0x20;
 constexpr uint32_t MASTER_LINES = 8;
 
+// The two ways to a reset: the line that the 8042 drives, and the chipset's own register.
+constexpr uint16_t KBC_COMMAND = 0x64;
+constexpr uint8_t KBC_INPUT_FULL = 0x02;
+constexpr uint8_t KBC_PULSE_RESET = 0xFE;
+constexpr uint16_t RESET_CONTROL = 0xCF9;
+constexpr uint8_t RESET_HARD = 0x02;
+constexpr uint8_t RESET_NOW = 0x04;
+constexpr int RESET_POLLS = 100000;  // far longer than either takes
+
 constexpr uint16_t POWER_PORTS[] = {0x604, 0xB004};
 constexpr uint16_t POWER_OFF = 0x2000;
 
@@ -84,6 +93,13 @@ void hal_irq_init(void) {
     outb(SLAVE_DATA, SLAVE_MASK);
 }
 
+void hal_irq_enable(uint32_t irq, bool on) {
+    const uint16_t port = irq < MASTER_LINES ? MASTER_DATA : SLAVE_DATA;
+    const auto line = static_cast<uint8_t>(1u << irq % MASTER_LINES);
+    const uint8_t mask = inb(port);
+    outb(port, static_cast<uint8_t>(on ? mask & ~line : mask | line));
+}
+
 void hal_irq_eoi(uint32_t irq) {
     if (irq >= MASTER_LINES)
         outb(SLAVE_COMMAND, END_OF_INTERRUPT);
@@ -93,6 +109,17 @@ void hal_irq_eoi(uint32_t irq) {
 void hal_shutdown(void) {
     for (const uint16_t port : POWER_PORTS)
         outw(port, POWER_OFF);
+    cpu_halt_forever();
+}
+
+void hal_reboot(void) {
+    for (int i = 0; i < RESET_POLLS && (inb(KBC_COMMAND) & KBC_INPUT_FULL) != 0; ++i)
+        cpu_pause();
+    outb(KBC_COMMAND, KBC_PULSE_RESET);
+    for (int i = 0; i < RESET_POLLS; ++i)
+        inb(KBC_COMMAND);
+    outb(RESET_CONTROL, RESET_HARD);
+    outb(RESET_CONTROL, RESET_HARD | RESET_NOW);
     cpu_halt_forever();
 }
 

@@ -23,6 +23,9 @@ int hal_serial_has_data(void);
 /// (keyboard), 2 (cascade) and 4 (COM1). Start-up, interrupts masked.
 void hal_irq_init(void);
 
+/// Lets line `irq` (0..15) through, or masks it. Interrupts masked.
+void hal_irq_enable(uint32_t irq, bool on);
+
 /// Ends the interrupt of line `irq` (0..15).
 void hal_irq_eoi(uint32_t irq);
 
@@ -32,6 +35,10 @@ void hal_timer_init(uint32_t hz);
 
 /// Powers the machine off through the ports of common virtual machines, then halts for good.
 [[noreturn]] void hal_shutdown(void);
+
+/// Resets the machine through the keyboard controller, else the reset control register of PC
+/// chipsets (port 0xCF9), then halts for good.
+[[noreturn]] void hal_reboot(void);
 
 /// Nothing to do on this platform.
 void hal_mmu_init(void);

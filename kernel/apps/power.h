@@ -3,7 +3,9 @@
 // handlers only wake it.
 #pragma once
 
-/// Creates the "power" task and takes the button and the key chord. `shutdown` is called by that
-/// task, once: true to restart. Prints a "[boot] " line when there is no memory for the task.
-/// Start-up, after acpi and keyboard.
-void power_init(void (*shutdown)(bool reboot));
+#include "kernel/drivers/acpi.h"
+
+/// Creates the "power" task and takes the button, if there is one, and the key chord. That task
+/// calls `shutdown` for the first of them that is used: true to restart. Without memory for the
+/// task both do nothing. Start-up, after keyboard and task manager.
+void power_init(const acpi_button_t& button, void (*shutdown)(bool reboot));

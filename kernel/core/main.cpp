@@ -5,6 +5,7 @@
 #include "arch/x86/cpu.h"
 #include "arch/x86/hal.h"
 #include "arch/x86/image.h"
+#include "kernel/apps/power.h"
 #include "kernel/apps/shell.h"
 #include "kernel/apps/surgeon.h"
 #include "kernel/core/interrupt.h"
@@ -15,6 +16,7 @@
 #include "kernel/core/task.h"
 #include "kernel/core/version.h"
 #include "kernel/core/x86.h"
+#include "kernel/drivers/acpi.h"
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/dmesg.h"
 #include "kernel/drivers/hwrng.h"
@@ -69,6 +71,11 @@ void start_interrupts() {
     hal_irq_init();
     kprintf("[boot] Interrupt controller initialized\n");
     interrupt_set_fault_hook(surgeon_enter);
+}
+
+/// Before paging is on, every physical address can be read.
+const uint8_t* physical_memory(uint32_t address, uint32_t) {
+    return reinterpret_cast<const uint8_t*>(address);
 }
 
 void start_memory(multiboot_info_t* info) {
@@ -140,7 +147,7 @@ void idle_task() {
     }
 }
 
-void start_system_tasks() {
+void start_system_tasks(const acpi_button_t& button) {
     const int cpus = smp_init();
     if (cpus > 1)
         kprintf("[boot] SMP: %d CPUs, inter-core channels active\n", cpus);
@@ -149,6 +156,7 @@ void start_system_tasks() {
         kprintf("[boot] ERROR: no memory for the system tasks\n");
         cpu_halt_forever();
     }
+    power_init(button, kernel_shutdown);
     kprintf("[boot] System tasks created\n");
 }
 
@@ -164,6 +172,7 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     }
     kprintf("[boot] Multiboot OK, info at 0x%x\n", reinterpret_cast<uintptr_t>(info));
     start_interrupts();
+    const acpi_button_t button = acpi_find_button(physical_memory);
     start_memory(info);
     causal_init();
     replay_init();
@@ -175,7 +184,7 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     start_timer();
     hwrng_init();
     noise_init();
-    start_system_tasks();
+    start_system_tasks(button);
     sched_start();
     kprintf("[boot] Scheduler active\n\n");
     kprint_text(WELCOME_BOX);
@@ -186,9 +195,15 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
 }
 
 void kernel_shutdown(bool reboot) {
+    static bool begun;
+    // Whoever comes second waits for the first to end the machine.
+    while (__atomic_exchange_n(&begun, true, __ATOMIC_SEQ_CST))
+        task_block(task_current());
     const char* word = reboot ? "reboot" : "halt";
     kprintf("[shutdown] Initiating %s...\n", word);
     causal_event_fmt(CAUSAL_SCHED, "kernel", "shutdown type=%s", word);
     kprintf("[shutdown] System %s\n", reboot ? "rebooting" : "halted");
+    if (reboot)
+        hal_reboot();
     hal_shutdown();
 }

@@ -11,6 +11,8 @@
 /// halts. `info` is the loader's boot information. Never returns.
 extern "C" [[noreturn]] void kernel_main(uint32_t magic, multiboot_info_t* info);
 
-/// Prints and records the shutdown, then powers the machine off: a reboot is only announced, the
-/// platform has no reset. Records "shutdown type=%s" (CAUSAL_SCHED, "kernel"). Task context.
+/// Ends the system in an orderly manner, then powers the machine off, or resets it. Other tasks may
+/// go on writing meanwhile: what they have not finished is lost as in a power cut. A second call
+/// while the first is at work only waits. Records "shutdown type=%s" (CAUSAL_SCHED, "kernel").
+/// Task context; no lock held.
 [[noreturn]] void kernel_shutdown(bool reboot);

@@ -2,6 +2,7 @@
 
 #include "kernel/core/guards.h"
 #include "kernel/core/task.h"
+#include "kernel/drivers/keyboard.h"
 #include "kernel/drivers/keyboard_ports.h"
 
 namespace {
@@ -147,11 +148,15 @@ scancode_t read_scancode() {
     if (!kbc_has_byte())
         return {false, NO_KEY};
     const uint8_t first = inb(KBC_DATA);
+    keyboard_watch(first);
     if (first != SCANCODE_EXTENDED)
         return {false, first};
     for (int i = 0; i < WAIT_POLLS; ++i) {
-        if (kbc_has_byte())
-            return {true, inb(KBC_DATA)};
+        if (!kbc_has_byte())
+            continue;
+        const uint8_t code = inb(KBC_DATA);
+        keyboard_watch(code);
+        return {true, code};
     }
     return {true, NO_KEY};
 }

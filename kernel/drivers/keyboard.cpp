@@ -6,6 +6,7 @@
 #include "kernel/core/ring.h"
 #include "kernel/core/task.h"
 #include "kernel/drivers/keyboard_ports.h"
+#include "kernel/drivers/reset_chord.h"
 #include "kernel/drivers/serial_keys.h"
 #include "kernel/graph/causal.h"
 
@@ -34,6 +35,8 @@ struct keyboard_t {
     ring_t<uint8_t, SCANCODE_SLOTS> scancodes;
     keymap_t keymap;
     serial_keys_t serial;
+    reset_chord_t chord;
+    void (*reset_hook)();
     bool suppress;
 };
 
@@ -50,11 +53,17 @@ void wake_waiters_locked() REQUIRES(irq_mask) {
     }
 }
 
+void watch_locked(uint8_t scancode) REQUIRES(irq_mask) {
+    if (reset_chord_step(&kb.chord, scancode) && kb.reset_hook != nullptr)
+        kb.reset_hook();
+}
+
 void take_scancode_locked() REQUIRES(irq_mask) {
     // Whoever polls the controller may have been first.
     if (!kbc_has_byte())
         return;
     const uint8_t scancode = inb(KBC_DATA);
+    watch_locked(scancode);
     if (kb.suppress)
         return;
     kb.scancodes.push(scancode);
@@ -131,6 +140,8 @@ void keyboard_init(void) {
     kb.scancodes.clear();
     kb.keymap = {};
     kb.serial = serial_keys_t::idle;
+    kb.chord = {};
+    kb.reset_hook = nullptr;
     kb.suppress = false;
     kbc_setup();
     if (irq_install_handler(KEYBOARD_LINE, kb_irq_handler) != 0)
@@ -186,6 +197,7 @@ void keyboard_inject_scancode(uint8_t sc) {
 void keyboard_flush(void) {
     irq_guard guard;
     kbc_drain();
+    kb.chord = {};
     kb.keys.clear();
     kb.scancodes.clear();
 }
@@ -193,6 +205,16 @@ void keyboard_flush(void) {
 void keyboard_suppress(bool on) {
     irq_guard guard;
     kb.suppress = on;
+}
+
+void keyboard_set_reset_hook(void (*hook)()) {
+    irq_guard guard;
+    kb.reset_hook = hook;
+}
+
+void keyboard_watch(uint8_t scancode) {
+    irq_guard guard;
+    watch_locked(scancode);
 }
 
 void kb_irq_handler(registers_t*) {

@@ -41,6 +41,15 @@ void keyboard_flush(void);
 /// While `on`, every scancode that arrives is discarded. Any context.
 void keyboard_suppress(bool on);
 
+/// Sets what Ctrl+Alt+Del on the PS/2 keyboard calls (null: nothing), also while scancodes are
+/// suppressed or polled. The hook runs in the interrupt handler or with interrupts masked: it must
+/// only wake. The keys count as keys all the same.
+void keyboard_set_reset_hook(void (*hook)());
+
+/// Follows a scancode for the hook above: for whoever takes bytes from the controller past this
+/// driver. Interrupts masked.
+void keyboard_watch(uint8_t scancode);
+
 /// Line 1: takes one scancode, if the controller holds one. Records CAUSAL_IO "keyboard" "key
 /// pressed scancode=0x%x" for each key that has a character and fits the ring. Interrupts masked.
 void kb_irq_handler(registers_t* regs);
