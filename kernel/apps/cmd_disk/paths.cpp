@@ -102,6 +102,7 @@ bool disk_name(const char* command, const char* name, char path[SHELL_PATH_BYTES
 bool disk_look(const char* path, disk_entry_t* entry) {
     if (path != entry->path)
         string_copy(entry->path, path, sizeof entry->path);
+    entry->stat = {};
     return blockfs_stat(path, &entry->stat) == 0;
 }
 

@@ -138,7 +138,9 @@ TEST_F(Shell, HelpNamesTheCommands) {
                         "\xBB\n\n  System\n"),
               0u);
     EXPECT_EQ(std::count(help.begin(), help.end(), '\n'), 3 + 114 + 22 + 4);
-    const std::string unlisted = " echo exit logout cpath cdot crypto random schema";
+    const std::string unlisted =
+        " echo exit logout cpath cdot crypto random schema"
+        " diskwc diskcmp diskpwd diskrw diskfind diskmv fsck";
     for (const command_t* command = commands; command->name != nullptr; ++command)
         EXPECT_NE((help + unlisted).find(std::string(" ") + command->name), std::string::npos);
 }
