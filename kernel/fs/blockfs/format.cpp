@@ -26,8 +26,7 @@ bool vofs_make_super(uint32_t sectors, vofs_super* super) {
     constexpr uint32_t FIXED = 1 + VOFS_INODES;
     if (sectors > VOFS_SECTORS_MAX || sectors <= FIXED + 1)
         return false;
-    // The last of these would need a bitmap sector more, which takes the place of what it
-    // describes.
+    // The last of 258 + 4097 m sectors would be taken by a bitmap sector that describes nothing.
     if ((sectors - FIXED) % (VOFS_BITS + 1) == 1)
         --sectors;
     const uint32_t bitmap = divide_up(sectors - FIXED, VOFS_BITS + 1);

@@ -2,8 +2,9 @@
 //
 //   tree, contents, volume    blockfs_*: take the lock, check, call what ends in _locked, tell the
 //                             change hook when the lock is released
-//   layout, release, read     a file's blocks: taking, writing, giving back, reading
-//   inode                     the inode table and its index in memory
+//   mount, fsck               format, mount, check, repair
+//   layout, pointers, read    a file's blocks: taking and writing, giving back, reading
+//   inode, path               the inode table and its index in memory; paths
 //   bitmap                    which blocks are free: memory leads, sectors follow
 //   cache                     every sector passes here
 //
