@@ -46,7 +46,7 @@ add_library(vorn_store_raw STATIC ${VORN_STORE_SOURCES} ${VORN_NOISE_SOURCES}
   ${CMAKE_SOURCE_DIR}/kernel/graph/causal_schema.cpp ${CMAKE_SOURCE_DIR}/kernel/core/record.cpp
   ${CMAKE_SOURCE_DIR}/kernel/core/kprintf.cpp)
 target_include_directories(vorn_store_raw PRIVATE
-  ${CMAKE_SOURCE_DIR}/bench/host/machine ${CMAKE_SOURCE_DIR})
+  ${CMAKE_SOURCE_DIR}/tools/host ${CMAKE_SOURCE_DIR})
 target_compile_options(vorn_store_raw PRIVATE ${VORN_BENCH_KERNEL})
 set(VORN_STORE_LIB ${CMAKE_BINARY_DIR}/libvorn_store.a)
 add_custom_command(OUTPUT ${VORN_STORE_LIB}
@@ -58,7 +58,7 @@ add_custom_target(vorn_store_renamed DEPENDS ${VORN_STORE_LIB})
 add_executable(event_bench ${CMAKE_SOURCE_DIR}/bench/host/event_bench.cpp)
 add_dependencies(event_bench vorn_store_renamed)
 target_include_directories(event_bench PRIVATE
-  ${CMAKE_SOURCE_DIR}/bench/host/machine ${CMAKE_SOURCE_DIR})
+  ${CMAKE_SOURCE_DIR}/tools/host ${CMAKE_SOURCE_DIR})
 target_compile_options(event_bench PRIVATE ${VORN_BENCH_ARCH})
 target_link_libraries(event_bench PRIVATE ${VORN_STORE_LIB})
 target_link_options(event_bench PRIVATE -m32 -no-pie)

@@ -1,11 +1,13 @@
 """A client of QEMU's machine protocol (QMP) over a unix socket.
 
-As a program: `qmp.py SOCKET shot FILE` saves the VGA screen, as PNG if FILE ends in .png, else PPM.
+As a program: `qmp.py SOCKET shot FILE` saves the VGA screen, as PNG if FILE ends in .png, else PPM;
+`qmp.py SOCKET stop SECONDS` presses the power button and waits until the machine is gone.
 """
 import json
 import os
 import socket
 import sys
+import time
 
 
 class QmpError(Exception):
@@ -60,13 +62,31 @@ class Qmp:
         self.run("screendump", filename=path, **image)
 
 
+    def stop(self, seconds):
+        """Presses the power button; fails when the machine still runs after `seconds`."""
+        end = time.monotonic() + seconds
+        try:
+            self.run("system_powerdown")
+            while True:
+                self._socket.settimeout(max(end - time.monotonic(), 0.001))
+                if not self._lines.readline():
+                    return
+        except TimeoutError:
+            raise QmpError(f"the machine still runs after {seconds:g} s") from None
+        except ConnectionError:
+            return
+
+
 def main():
-    if len(sys.argv) != 4 or sys.argv[2] != "shot":
+    if len(sys.argv) != 4 or sys.argv[2] not in ("shot", "stop"):
         print(__doc__, file=sys.stderr)
         return 2
     try:
         with Qmp(sys.argv[1]) as qmp:
-            qmp.shot(sys.argv[3])
+            if sys.argv[2] == "shot":
+                qmp.shot(sys.argv[3])
+            else:
+                qmp.stop(float(sys.argv[3]))
     except (OSError, QmpError) as error:
         print(f"qmp: {error}", file=sys.stderr)
         return 1

@@ -29,5 +29,11 @@ void image_close();
 /// The image's size in sectors; 0 when none is open.
 uint64_t image_sectors();
 
+/// Whether the block device was given anything that was not committed.
+bool image_changed();
+
 /// Copies a sector as the block device would; false on an error or beyond the end.
 [[nodiscard]] bool image_sector(uint64_t sector, void* to);
+
+/// Writes a sector as the block device would; false beyond the end.
+[[nodiscard]] bool image_put_sector(uint64_t sector, const void* from);

@@ -4,7 +4,7 @@
 
 #define cpu_cli cpu_cli_privileged
 #define cpu_sti cpu_sti_privileged
-#include "../../../../../arch/x86/cpu.h"
+#include "../../../../arch/x86/cpu.h"
 #undef cpu_cli
 #undef cpu_sti
 
