@@ -38,6 +38,13 @@ void shell_task(void);
 /// Reads lines from the task's terminal and runs them; never returns. Registers nothing else.
 [[noreturn]] void shell_run(void);
 
+/// The next key of the task's terminal, as keyboard_getchar gives it; waits for one.
+uint8_t shell_getchar(void);
+
+/// Shows `prompt` and edits one line to its end; `line` holds SHELL_LINE_BYTES. The history is at
+/// hand and stays as it is.
+void shell_read_line(const char* prompt, char* line);
+
 /// Prints `cmdline` (cut at 255 characters) and runs it. An unknown name gets its line and a
 /// suggestion.
 void shell_exec(const char* cmdline);

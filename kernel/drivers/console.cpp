@@ -307,3 +307,13 @@ int console_stop_capture(void) {
     taken.buf[taken.max] = '\0';
     return taken.max;
 }
+
+bool console_is_captured(void) { return capture_is_on(); }
+
+void console_write_serial(const char* text) {
+    console_session_t session;
+    if (capture_is_on() || find_session(&session))
+        return;
+    for (; *text != '\0'; ++text)
+        hal_serial_putc(*text);
+}

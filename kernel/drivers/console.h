@@ -81,3 +81,10 @@ void console_start_capture(char* buf, int max);
 /// Ends the capture, terminates its text and returns the text's length; 0 without a capture. A text
 /// that was cut ends with "\n[...output truncated at %d bytes...]\n" over its last bytes.
 int console_stop_capture(void);
+
+/// Whether a capture is on: what is written is not seen, so nobody can answer it. Any context.
+bool console_is_captured(void);
+
+/// Writes to the serial line alone, raw: control sequences for the terminal there, which the screen
+/// does not know. Nothing happens while a capture is on or for a task with a session.
+void console_write_serial(const char* text);

@@ -165,10 +165,14 @@ scancode_t read_scancode() {
 
 void kbpoll_begin(void) {
     state = {};
+    keyboard_leave_to_poll(true);
     outb(SERIAL_INTERRUPTS, 0);
 }
 
-void kbpoll_end(void) { outb(SERIAL_INTERRUPTS, SERIAL_RECEIVE_INTERRUPT); }
+void kbpoll_end(void) {
+    keyboard_leave_to_poll(false);
+    outb(SERIAL_INTERRUPTS, SERIAL_RECEIVE_INTERRUPT);
+}
 
 int kbpoll_poll(void) {
     if (serial_has_byte()) {

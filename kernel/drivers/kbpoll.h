@@ -1,7 +1,6 @@
 // The polling keyboard reader of full-screen programs: reads PS/2 and serial port directly, between
-// kbpoll_begin and kbpoll_end. The keyboard interrupt stays on; it and the poll take a byte from
-// the 8042 with interrupts masked, and whoever comes first has it. One program at a time; task
-// context.
+// kbpoll_begin and kbpoll_end. The keyboard interrupt stays on, but its handler leaves the bytes to
+// the poll meanwhile. One program at a time; task context.
 #pragma once
 
 #include <stdint.h>
@@ -18,10 +17,10 @@ constexpr int KBPOLL_CTRL_H = 0x94;
 constexpr int KBPOLL_CTRL_G = 0x95;
 constexpr int KBPOLL_ESCAPE = 0x96;
 
-/// Clears the modifiers and turns the serial receive interrupt off.
+/// Clears the modifiers, turns the serial receive interrupt off and has the 8042 for itself.
 void kbpoll_begin(void);
 
-/// Turns the serial receive interrupt on again.
+/// Gives both devices back to their interrupts.
 void kbpoll_end(void);
 
 /// One look at both devices: a key code, or -1. After an escape byte it waits a few milliseconds at

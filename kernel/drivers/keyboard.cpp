@@ -38,6 +38,7 @@ struct keyboard_t {
     reset_chord_t chord;
     void (*reset_hook)();
     bool suppress;
+    bool polled;  ///< somebody else reads the 8042
 };
 
 keyboard_t kb GUARDED_BY(irq_mask);
@@ -143,6 +144,7 @@ void keyboard_init(void) {
     kb.chord = {};
     kb.reset_hook = nullptr;
     kb.suppress = false;
+    kb.polled = false;
     kbc_setup();
     if (irq_install_handler(KEYBOARD_LINE, kb_irq_handler) != 0)
         kprintf("[kbd] failed to install keyboard IRQ handler\n");
@@ -217,9 +219,19 @@ void keyboard_watch(uint8_t scancode) {
     watch_locked(scancode);
 }
 
+void keyboard_leave_to_poll(bool on) {
+    irq_guard guard;
+    irq_context_scope context;
+    kb.polled = on;
+    // A byte that stays there would keep the line from rising again.
+    if (!on)
+        take_scancode_locked();
+}
+
 void kb_irq_handler(registers_t*) {
     irq_guard guard;
-    take_scancode_locked();
+    if (!kb.polled)
+        take_scancode_locked();
 }
 
 void serial_irq_handler(registers_t*) {

@@ -50,6 +50,10 @@ void keyboard_set_reset_hook(void (*hook)());
 /// driver. Interrupts masked.
 void keyboard_watch(uint8_t scancode);
 
+/// While `on`, line 1 leaves what the 8042 holds to whoever polls it; afterwards what is left there
+/// is taken as its interrupt would take it. Any context.
+void keyboard_leave_to_poll(bool on);
+
 /// Line 1: takes one scancode, if the controller holds one. Records CAUSAL_IO "keyboard" "key
 /// pressed scancode=0x%x" for each key that has a character and fits the ring. Interrupts masked.
 void kb_irq_handler(registers_t* regs);

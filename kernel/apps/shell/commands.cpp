@@ -5,10 +5,12 @@
 
 #include "kernel/apps/cmd_crypto.h"
 #include "kernel/apps/cmd_disk.h"
+#include "kernel/apps/cmd_files.h"
 #include "kernel/apps/cmd_graph.h"
 #include "kernel/apps/cmd_schema.h"
 #include "kernel/apps/cmd_system.h"
 #include "kernel/apps/shell.h"
+#include "kernel/apps/vorsh.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/graph/causal.h"
@@ -52,12 +54,31 @@ constinit const command_t commands[] = {
     {"exit", cmd_exit},
     {"logout", cmd_exit},
     {"clear", cmd_clear},
+    {"ls", cmd_ls},
+    {"cat", cmd_cat},
+    {"head", cmd_head},
+    {"tail", cmd_tail},
+    {"wc", cmd_wc},
+    {"grep", cmd_grep},
+    {"cp", cmd_cp},
+    {"mv", cmd_mv},
+    {"more", cmd_more},
+    {"less", cmd_more},
+    {"mkdir", cmd_mkdir},
+    {"touch", cmd_touch},
+    {"write", cmd_write},
+    {"rm", cmd_rm},
+    {"cd", cmd_cd},
+    {"pwd", cmd_pwd},
     {"free", cmd_free},
     {"memmap", cmd_memmap},
     {"uname", cmd_uname},
     {"termsize", cmd_termsize},
     {"uptime", cmd_uptime},
     {"irqstat", cmd_irqstat},
+    {"run", cmd_run},
+    {"vorsh", cmd_vorsh},
+    {"edit", cmd_edit},
     {"halt", cmd_halt},
     {"diskls", cmd_diskls},
     {"diskcat", cmd_diskcat},

@@ -8,6 +8,7 @@
 #include "kernel/core/task.h"
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/keyboard.h"
+#include "kernel/fs/ramfs.h"
 
 char shell_cwd[SHELL_PATH_BYTES] = "/";
 char disk_cwd[SHELL_PATH_BYTES] = "/";
@@ -17,16 +18,6 @@ namespace {
 constexpr size_t PROMPT_BYTES = SHELL_PATH_BYTES + 16;
 
 history_t history GUARDED_BY(irq_mask);
-
-uint8_t read_key() {
-    const task_t* task = task_current();
-    if (task == nullptr || task->io_read == nullptr)
-        return static_cast<uint8_t>(keyboard_getchar());
-    uint8_t byte = 0;
-    while (task->io_read(&byte, 1, task->io_ctx) <= 0)
-        task_yield();
-    return byte;
-}
 
 void show(const line_editor_t& editor, line_show_t what, const char* prompt) {
     switch (what) {
@@ -46,26 +37,23 @@ void show(const line_editor_t& editor, line_show_t what, const char* prompt) {
     }
 }
 
-/// Edits one line to its end.
-void read_line(line_editor_t* editor) {
-    char prompt[PROMPT_BYTES];
-    {
-        irq_guard guard;
-        ksnprintf(prompt, sizeof prompt, "vorn:%s$ ", shell_cwd);
-    }
-    line_editor_start(editor);
-    show(*editor, line_show_t::line, prompt);
+/// The message of the day, as it stands.
+void print_motd() {
+    fs_node_t* motd = fs_resolve("/etc/motd");
+    uint8_t piece[SHELL_LINE_BYTES];
+    size_t at = 0;
     for (;;) {
-        const uint8_t key = read_key();
-        line_result_t result;
-        {
-            irq_guard guard;
-            result = line_editor_key(editor, key, &history);
-        }
-        show(*editor, result.show, prompt);
-        if (result.done)
+        const int32_t count = fs_read(motd, piece, sizeof piece, at);
+        if (count <= 0)
             return;
+        console_write_len(piece, static_cast<size_t>(count));
+        at += static_cast<size_t>(count);
     }
+}
+
+void make_prompt(char (&prompt)[PROMPT_BYTES]) {
+    irq_guard guard;
+    ksnprintf(prompt, sizeof prompt, "vorn:%s$ ", shell_cwd);
 }
 
 void run_line(const char* line) {
@@ -93,12 +81,41 @@ void shell_init(void) {
     string_copy(disk_cwd, "/", sizeof disk_cwd);
 }
 
-void shell_run(void) {
-    kprintf("\n");
+uint8_t shell_getchar(void) {
+    const task_t* task = task_current();
+    if (task == nullptr || task->io_read == nullptr)
+        return static_cast<uint8_t>(keyboard_getchar());
+    uint8_t byte = 0;
+    while (task->io_read(&byte, 1, task->io_ctx) <= 0)
+        task_yield();
+    return byte;
+}
+
+void shell_read_line(const char* prompt, char* line) {
     line_editor_t editor;
+    line_editor_start(&editor);
+    show(editor, line_show_t::line, prompt);
+    line_result_t result = {};
+    while (!result.done) {
+        const uint8_t key = shell_getchar();
+        {
+            irq_guard guard;
+            result = line_editor_key(&editor, key, &history);
+        }
+        show(editor, result.show, prompt);
+    }
+    string_copy(line, editor.line, SHELL_LINE_BYTES);
+}
+
+void shell_run(void) {
+    print_motd();
+    kprintf("\n");
+    char line[SHELL_LINE_BYTES];
+    char prompt[PROMPT_BYTES];
     for (;;) {
-        read_line(&editor);
-        run_line(editor.line);
+        make_prompt(prompt);
+        shell_read_line(prompt, line);
+        run_line(line);
     }
 }
 

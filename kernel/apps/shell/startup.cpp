@@ -1,4 +1,6 @@
 // The shell task: what start-up shows last, then the interactive loop.
+#include <initializer_list>
+
 #include "kernel/apps/shell.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/kprintf.h"
@@ -17,12 +19,7 @@ constexpr uint32_t FRAME_KB = PAGE_SIZE / 1024;
 constexpr int PROGRAMS = 0;
 constexpr int ACTORS = 0;
 
-constexpr const char* CHECKLIST[] = {
-    "Memory manager (PMM + VMM)",
-    "Interrupt controller (PIC/PIT @ 100Hz)",
-    "Task scheduler (8 priorities, preemptive)",
-    "Causal event graph started",
-};
+constexpr int CAPTURE_BYTES = 512;
 
 constexpr const char* LOGO =
     "    ##   ##   #####   ######   ##   ##\n"
@@ -50,11 +47,27 @@ void check_off(const char* item) {
     kprintf(" ] %s\n", item);
 }
 
-void print_checklist() {
+/// Runs commands whose output nobody needs to see.
+void run_unseen(std::initializer_list<const char*> lines) {
+    char output[CAPTURE_BYTES];
+    console_start_capture(output, sizeof output);
+    for (const char* line : lines)
+        shell_exec(line);
+    console_stop_capture();
+}
+
+void start_services() {
     set_color(CONSOLE_WHITE);
     kprintf("\n  Vorn %s — booting services...\n\n", VORN_VERSION);
-    for (const char* item : CHECKLIST)
-        check_off(item);
+    check_off("Memory manager (PMM + VMM)");
+    check_off("Interrupt controller (PIC/PIT @ 100Hz)");
+    check_off("Task scheduler (8 priorities, preemptive)");
+    check_off("RAM filesystem mounted at /");
+    run_unseen({"mkdir /tmp/test", "write /tmp/test/hello.txt Hello, world!"});
+    check_off("Initial filesystem populated");
+    check_off("Causal event graph started");
+    run_unseen({"run /home/demo.sl"});
+    check_off("Boot scripts executed");
     set_color(CONSOLE_WHITE);
     kprintf("\n  Boot complete.\n\n");
 }
@@ -103,7 +116,7 @@ void print_banner() {
 
 void shell_task(void) {
     shell_init();
-    print_checklist();
+    start_services();
     if (smp_cpu_count() == 1)
         wait_ticks(BANNER_WAIT_TICKS);
     print_banner();

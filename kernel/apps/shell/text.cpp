@@ -1,5 +1,6 @@
 // What the shell does with text: arguments, paths, the terminal.
 #include "kernel/apps/shell.h"
+#include "kernel/core/guards.h"
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
 #include "kernel/drivers/console.h"
@@ -48,6 +49,7 @@ int parse_args(char* line, char** argv) {
 }
 
 void shell_make_path(const char* name, char* out, size_t size) {
+    irq_guard guard;
     if (name[0] == '/')
         string_copy(out, name, size);
     else if (strcmp(shell_cwd, "/") == 0)
