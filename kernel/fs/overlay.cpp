@@ -23,9 +23,10 @@ constexpr const char* ERRORS[] = {
     "changed by another task meanwhile",
     "disk read error",
     "source and destination are the same",
-    "cannot move or copy a directory into itself, nor the root",
+    "cannot be put into itself",
     "cannot move a directory to the other filesystem (cp -r copies it)",
     "its directory is on the disk; an absolute path writes there",
+    "is the root of the tree",
 };
 
 bool is_directory(const overlay_stat_t& entry) { return entry.st.type == SYS_STAT_DIRECTORY; }
@@ -312,7 +313,7 @@ int overlay_touch(const char* path, vorn_fs_route_t route) {
 int overlay_remove(const char* path) {
     overlay_stat_t entry;
     if (strcmp(path, "/") == 0)
-        return OVERLAY_INSIDE;
+        return OVERLAY_IS_ROOT;
     if (overlay_stat(path, &entry) != 0)
         return OVERLAY_NOT_FOUND;
     if (!entry.on_disk)
@@ -326,7 +327,7 @@ int overlay_remove(const char* path) {
 int overlay_remove_tree(const char* path) {
     overlay_stat_t entry;
     if (strcmp(path, "/") == 0)
-        return OVERLAY_INSIDE;
+        return OVERLAY_IS_ROOT;
     if (overlay_stat(path, &entry) != 0)
         return OVERLAY_NOT_FOUND;
     if (!entry.on_disk)
@@ -338,7 +339,9 @@ int overlay_rename(const char* from, const char* to, vorn_fs_route_t route) {
     overlay_stat_t entry;
     if (overlay_stat(from, &entry) != 0)
         return OVERLAY_NOT_FOUND;
-    if (strcmp(from, "/") == 0 || path_is_below(to, from))
+    if (strcmp(from, "/") == 0)
+        return OVERLAY_IS_ROOT;
+    if (path_is_below(to, from))
         return OVERLAY_INSIDE;
     if (entry.on_disk != (route == VORN_ROUTE_BLOCK))
         return OVERLAY_ACROSS;

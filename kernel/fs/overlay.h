@@ -34,9 +34,10 @@ enum overlay_error_t : int {
     OVERLAY_CHANGED = -12,   ///< another task removed or replaced the file
     OVERLAY_READ_ERROR = -13,
     OVERLAY_SAME = -14,        ///< source and destination are one
-    OVERLAY_INSIDE = -15,      ///< a directory into itself, or the root
+    OVERLAY_INSIDE = -15,      ///< a directory into itself
     OVERLAY_ACROSS = -16,      ///< a directory cannot move to the other filesystem
     OVERLAY_NOT_IN_RAM = -17,  ///< a RAM write below a directory that only VoFS has
+    OVERLAY_IS_ROOT = -18,
 };
 
 /// The words for an OVERLAY_ code.

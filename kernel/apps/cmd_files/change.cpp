@@ -67,11 +67,14 @@ void cmd_write(int argc, char** argv) {
     const int length = shell_concat_args(text, sizeof text, argc, argv, 2);
     const vorn_fs_route_t route = name.route();
     const int error = overlay_write(name.path, route, text, static_cast<uint32_t>(length));
-    if (error != 0)
+    if (error != 0) {
         (void)file_error("write", argv[1], error);
-    else
-        kprintf("%d bytes written to %s (%s)\n", length, name.path,
-                route == VORN_ROUTE_RAM ? "RAM" : "disk");
+        return;
+    }
+    kprintf("%d bytes written to %s (%s)\n", length, name.path,
+            route == VORN_ROUTE_RAM ? "RAM" : "disk");
+    if (argc == SHELL_ARGS_MAX)
+        kprintf("write: words beyond the %dth need quotes\n", SHELL_ARGS_MAX - 2);
 }
 
 void cmd_rm(int argc, char** argv) {

@@ -107,7 +107,8 @@ bool mv_one(copy_t* copy) {
     // A file can be copied over another one, or into the other filesystem.
     const bool movable = error == OVERLAY_EXISTS || error == OVERLAY_ACROSS;
     if (!movable || overlay_is_directory(copy->from)) {
-        const bool about_target = error != OVERLAY_NOT_FOUND && error != OVERLAY_INSIDE;
+        const bool about_target =
+            error != OVERLAY_NOT_FOUND && error != OVERLAY_INSIDE && error != OVERLAY_IS_ROOT;
         return file_error(copy->command, about_target ? copy->to : copy->from, error);
     }
     if (!copy_file(*copy))

@@ -25,7 +25,27 @@ void print_title(int argc, char** argv, int index, int first) {
         kprintf("%s==> %s <==\n", index > first ? "\n" : "", argv[index]);
 }
 
+/// Shows contents; at its end the terminal stands at the start of a line, or the next prompt would
+/// wipe out what was shown.
+class shown_t {
+public:
+    ~shown_t() {
+        if (last_ != '\n')
+            console_write("\n");
+    }
+    void show(bytes_t bytes) {
+        if (bytes.empty())
+            return;
+        file_show(bytes);
+        last_ = bytes.back();
+    }
+
+private:
+    uint8_t last_ = '\n';
+};
+
 void show_head(const char* typed, uint32_t lines) {
+    shown_t shown;
     if (lines == 0)
         return;
     (void)file_read("head", typed, [&](bytes_t piece) {
@@ -37,7 +57,7 @@ void show_head(const char* typed, uint32_t lines) {
             ++end;
             --lines;
         }
-        file_show(piece.first(static_cast<size_t>(end - piece.begin())));
+        shown.show(piece.first(static_cast<size_t>(end - piece.begin())));
         return lines > 0;
     });
 }
@@ -78,8 +98,9 @@ void show_tail(const char* typed, uint32_t lines) {
             return;
         }
     }
-    (void)file_read_from("tail", file, start, [](bytes_t piece) {
-        file_show(piece);
+    shown_t shown;
+    (void)file_read_from("tail", file, start, [&shown](bytes_t piece) {
+        shown.show(piece);
         return true;
     });
 }
@@ -194,9 +215,10 @@ void cmd_cat(int argc, char** argv) {
     file_options_t options;
     if (!file_options(argc, argv, "", 1, "cat <file...>", &options))
         return;
+    shown_t shown;
     for (int i = options.first; i < argc; ++i) {
-        (void)file_read("cat", argv[i], [](bytes_t piece) {
-            file_show(piece);
+        (void)file_read("cat", argv[i], [&shown](bytes_t piece) {
+            shown.show(piece);
             return true;
         });
     }

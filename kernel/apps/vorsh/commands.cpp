@@ -125,6 +125,10 @@ void run_named(int argc, char** argv) {
 
 void run_inline(int argc, char** argv) {
     char text[SHELL_LINE_BYTES];
+    if (argc == SHELL_ARGS_MAX) {
+        kprintf("vorsh: -c takes many words in quotes only\n");
+        return;
+    }
     const int length = shell_concat_args(text, sizeof text, argc, argv, 2);
     std::replace(text, text + length, ';', '\n');
     (void)vorsh_exec(text);
@@ -212,5 +216,5 @@ void cmd_vorsh(int argc, char** argv) {
     else if (argc > 1 && argv[1][0] != '-')
         run_named(argc, argv);
     else
-        kprintf("Usage: vorsh [<file> [argument...] | -c <statements, parted by ;>]\n");
+        kprintf("Usage: vorsh [<file> [argument...] | -c \"statement; ...\"]\n");
 }
