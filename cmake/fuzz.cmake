@@ -38,3 +38,6 @@ vorn_fuzz(line ${VORN_STRING_SOURCES}
   ${CMAKE_SOURCE_DIR}/kernel/apps/shell/line_editor.cpp)
 file(GLOB VORN_VOFS_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/kernel/fs/blockfs/*.cpp)
 vorn_fuzz(vofs ${VORN_STRING_SOURCES} ${VORN_VOFS_SOURCES})
+file(GLOB VORN_VORSH_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/kernel/apps/vorsh/*.cpp)
+list(FILTER VORN_VORSH_SOURCES EXCLUDE REGEX commands.cpp)
+vorn_fuzz(vorsh ${VORN_STRING_SOURCES} ${VORN_VORSH_SOURCES})
