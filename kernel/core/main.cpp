@@ -26,6 +26,7 @@
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/ramfs.h"
 #include "kernel/graph/causal.h"
+#include "kernel/graph/cjournal.h"
 #include "kernel/graph/replay.h"
 
 namespace {
@@ -107,6 +108,7 @@ void start_storage() {
     if (blockfs_init() != 0)
         return;
     kprintf("[boot] VoFS persistent filesystem mounted\n");
+    cjournal_continue_numbering();
 }
 
 /// The console's question where the running task's output goes.
@@ -184,6 +186,7 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     start_timer();
     hwrng_init();
     noise_init();
+    cjournal_init();
     start_system_tasks(button);
     sched_start();
     kprintf("[boot] Scheduler active\n\n");
@@ -202,6 +205,7 @@ void kernel_shutdown(bool reboot) {
     const char* word = reboot ? "reboot" : "halt";
     kprintf("[shutdown] Initiating %s...\n", word);
     causal_event_fmt(CAUSAL_SCHED, "kernel", "shutdown type=%s", word);
+    cjournal_shutdown();
     kprintf("[shutdown] System %s\n", reboot ? "rebooting" : "halted");
     if (reboot)
         hal_reboot();

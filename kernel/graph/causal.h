@@ -84,6 +84,9 @@ struct causal_archive_hooks_t {
 /// Looks an integer up in the key-value store; false when absent.
 using causal_kv_fn = bool (*)(const char* key, int* value);
 
+/// Adds `delta` to every event identifier that a module keeps, except 0.
+using causal_shift_fn = void (*)(uint32_t delta);
+
 // --- Start ---------------------------------------------------------------------------------------
 
 /// Empties the store, prints its "[boot]" line, records event 1 ("kernel boot started") and takes
@@ -95,6 +98,27 @@ void causal_set_archive_hooks(const causal_archive_hooks_t* hooks);
 
 /// Installs what answers causal_read_kv_int (null: nothing).
 void causal_set_kv_hook(causal_kv_fn lookup);
+
+/// Installs what is told that many events wait for the archive (null: nobody). Called once for each
+/// mark, by emission: in any context, interrupts masked, locks of others held. It may only make a
+/// note.
+void causal_set_spill_hook(void (*hook)());
+
+/// The event whose recording (or that of a later one) calls the spill hook.
+void causal_set_spill_mark(uint32_t id);
+
+constexpr uint32_t CAUSAL_RENUMBER_MAX = 8;  ///< keepers of identifiers
+
+/// Has causal_renumber call `shift`, once however often it is named here. At the modules' init.
+void causal_on_renumber(causal_shift_fn shift);
+
+/// Moves the numbering behind `base`: every event recorded so far, every parent, current event and
+/// kept identifier grows by `base`. False, with nothing changed, when the numbers would run out.
+/// Start-up only: interrupts masked, nothing archived or sent elsewhere yet.
+[[nodiscard]] bool causal_renumber(uint32_t base);
+
+/// The last number that earlier boots used: what the numbering was moved behind, else 0.
+uint32_t causal_numbering_base();
 
 // --- Emission: any context; returns the event's identifier, 0 when nothing was recorded
 // -----------

@@ -30,6 +30,21 @@ void end_faulting_user_task() {
     task_exit();
 }
 
+void shift_event(uint32_t* id, uint32_t delta) {
+    if (*id != 0)
+        *id += delta;
+}
+
+void renumber_events(uint32_t delta) {
+    const sched_guard guard;
+    for (task_t& t : sched.pool) {
+        shift_event(&t.causal_ctx, delta);
+        shift_event(&t.sleep_event, delta);
+    }
+    for (task_t& t : sched.ap_idle_task)
+        shift_event(&t.causal_ctx, delta);
+}
+
 }  // namespace
 
 void task_init(void) {
@@ -46,6 +61,7 @@ void task_init(void) {
     boot->page_dir = vmm_get_kernel_dir();
     sched.cpu_current[cpu_id()] = boot;
     running_becomes(boot);
+    causal_on_renumber(renumber_events);
     interrupt_set_tick_hook(task_tick);
     interrupt_set_reschedule_hook(schedule);
     interrupt_set_user_fault_hook(end_faulting_user_task);

@@ -150,6 +150,8 @@ uint32_t record(const draft_t& draft) {
     if (runner.causal_ctx != nullptr)
         *runner.causal_ctx = id;
     runner.recorded = true;
+    if (id >= causal_store.spill_mark)
+        causal_tell_spill();
     return id;
 }
 

@@ -181,6 +181,5 @@ uint32_t causal_ring_used() { return causal_store.event_count; }
 uint32_t causal_oldest_event_id() {
     if (causal_store.event_count == 0)
         return 0;
-    const uint32_t newest = causal_newest();
-    return newest <= CAUSAL_RING_SLOTS ? 1 : newest - CAUSAL_RING_SLOTS + 1;
+    return causal_newest() - causal_store.event_count + 1;
 }

@@ -3,10 +3,13 @@
 
 #include "kernel/graph/causal.h"
 
+constexpr uint32_t CAUSAL_NO_MARK = 0xFFFFFFFF;
+
 /// All state beside the ring and the cache. Changed with interrupts masked on processor 0.
 struct causal_store_t {
     uint32_t next_id = 1;  ///< 0: all identifiers are used up
     uint32_t event_count = 0;
+    uint32_t base = 0;  ///< identifiers up to it belong to earlier boots
     uint64_t lamport_clock = 0;
     uint32_t node_hash = 0;
     uint32_t saved_context = 0;
@@ -16,11 +19,17 @@ struct causal_store_t {
     uint32_t last_rate_tick = 0;
     causal_archive_hooks_t archive = {};
     causal_kv_fn kv_lookup = nullptr;
+    void (*spill_hook)() = nullptr;
+    uint32_t spill_mark = CAUSAL_NO_MARK;
+    causal_shift_fn keepers[CAUSAL_RENUMBER_MAX] = {};
 };
 
 extern causal_store_t causal_store;
 extern causal_event_t causal_ring[CAUSAL_RING_SLOTS];
 extern causal_event_t causal_hydrated[CAUSAL_HYDRATED_SLOTS];
+
+/// The spill mark was reached: calls the hook, once. Interrupts are masked.
+void causal_tell_spill();
 
 /// The slot of identifier `id`, whatever it holds.
 inline causal_event_t& causal_slot(uint32_t id) {

@@ -1,11 +1,11 @@
 // What the files of the journal share. Private to kernel/graph/cjournal/ and the `journal` command.
 //
-//   format     the codec                        segment   writing one with its companions
-//   read       segments and companions back     index     entries, saving, loading, rebuilding
-//   start      start-up, numbering, hooks       recover   what a power cut left behind
-//   spill      the regular spill and its task   import    the older snapshot
-//   sign       the node's key                   retain    eviction
-//   query      lookups and queries              verify    checks; proof: inclusion proofs
+//   format, records, merkle   the codec
+//   read      segments and companions back      segment   writing one with its companions
+//   start     start-up, numbering, hooks        index     entries, saving, loading, rebuilding
+//   recover   what a power cut left behind      retain    eviction
+//   spill     the regular spill and its task    import    the older snapshot
+//   sign      the node's key                    lookup    archived events by number and parent
 //
 // Every function here expects the journal's mutex held unless it excludes it; what the public
 // header declares takes it itself. Under it no one asks the store for events beyond the ring.
@@ -26,9 +26,9 @@ struct cjournal_writer_t {
     uint8_t node_sign_sk[64];
     uint8_t node_sign_pk[32];
     bool node_sign_ready;
-    uint32_t numbering_base;   ///< newest event of earlier boots on this volume
     uint32_t tail_segment;     ///< segment that this boot wrote last; 0: none
     uint32_t tail_checksum;    ///< its checksum
+    uint32_t lost_through;     ///< last event that was lost before it was spilled; 0: none
     uint32_t last_spill_tick;  ///< when the spill last wrote something; 0: never
 };
 
@@ -141,9 +141,16 @@ struct cjournal_draft_t {
 [[nodiscard]] int write_segment_locked(uint32_t segment, cjournal_draft_t* draft, uint32_t flags)
     REQUIRES(cjournal_lock);
 
-/// Removes segment file, sidecar and root, in this order; false when the segment file is still
-/// there.
+/// Makes sidecar and root of the segment in the draft, whose header is filled in.
+void cjournal_make_companions(uint32_t segment, cjournal_draft_t* draft);
+
+/// Makes and writes them: 0, or -1.
+[[nodiscard]] int cjournal_write_companions_locked(uint32_t segment, cjournal_draft_t* draft)
+    REQUIRES(cjournal_lock);
+
+/// Removes segment file, sidecar and root, in this order; false when one of them is still there.
 bool cjournal_remove_segment_locked(uint32_t segment) REQUIRES(cjournal_lock);
+bool cjournal_remove_companions_locked(uint32_t segment) REQUIRES(cjournal_lock);
 
 // --- index and retention -------------------------------------------------------------------------
 
@@ -161,11 +168,27 @@ cjournal_entry_t* cjournal_add_draft_locked(uint32_t segment, cjournal_draft_t* 
                                             uint32_t flags, bool advance_cursor)
     REQUIRES(cjournal_lock);
 
+/// Reads the index file: false unless it is a valid one. Takes a heap block for the entries.
+[[nodiscard]] bool cjournal_read_index_locked(cjournal_index_header_t* header,
+                                              heap_ptr<cjournal_index_entry_t>* entries)
+    REQUIRES(cjournal_lock);
+
+/// Takes the index file over: false, with the index empty or half filled, when it is not valid or a
+/// segment says something else.
+[[nodiscard]] bool cjournal_load_index_locked() REQUIRES(cjournal_lock);
+
 /// An entry as it is saved.
 [[nodiscard]] cjournal_index_entry_t cjournal_saved_entry(const cjournal_entry_t& entry);
 
 /// cjournal_rebuild_index.
 int rebuild_index_locked() REQUIRES(cjournal_lock);
+
+/// Records of the indexed segments, and the bytes that the byte limit counts for them.
+[[nodiscard]] uint32_t cjournal_indexed_events_locked() REQUIRES(cjournal_lock);
+[[nodiscard]] uint32_t cjournal_indexed_kb_locked() REQUIRES(cjournal_lock);
+
+/// Sets both limits, applies them and saves the index: 0, or -1 when that failed. Takes the mutex.
+int cjournal_set_retention(uint32_t max_segments, uint32_t max_kb) EXCLUDES(cjournal_lock);
 
 /// Evicts the oldest segments until the limits hold; with room for one more if `reserve_slot`.
 void apply_retention_limit_locked(bool reserve_slot) REQUIRES(cjournal_lock);
@@ -173,6 +196,30 @@ void apply_retention_limit_locked(bool reserve_slot) REQUIRES(cjournal_lock);
 /// Evicts the segment with the smallest first identifier. Records "evict %u %s" with its number and
 /// root (79 characters), and both in the payload, before anything is removed.
 void delete_oldest_segment_locked() REQUIRES(cjournal_lock);
+
+// --- recover -------------------------------------------------------------------------------------
+
+/// What the directory has of one segment.
+struct cjournal_listed_t {
+    uint32_t segment;
+    uint32_t files;  ///< bit f: cjournal_file_t f
+
+    bool has(cjournal_file_t file) const { return (files >> static_cast<uint32_t>(file) & 1) != 0; }
+};
+
+/// The segments' files, by rising number; on the heap.
+struct cjournal_listing_t {
+    heap_ptr<cjournal_listed_t> items;
+    uint32_t count = 0;
+
+    const cjournal_listed_t& at(uint32_t i) const { return items[i]; }
+};
+
+/// Reads the directory, however long; empty when that fails. Names of another form are ignored.
+void cjournal_list_locked(cjournal_listing_t* listing) REQUIRES(cjournal_lock);
+
+/// Clears away what was left half done; true when a segment is there that the index does not name.
+[[nodiscard]] bool cjournal_recover_locked() REQUIRES(cjournal_lock);
 
 // --- spill and sign ------------------------------------------------------------------------------
 
@@ -182,12 +229,19 @@ void delete_oldest_segment_locked() REQUIRES(cjournal_lock);
 /// cjournal_spill.
 int cjournal_spill_locked(uint32_t count) REQUIRES(cjournal_lock);
 
+/// Emission's note that many events wait. Any context.
+void cjournal_wake();
+
 /// Copies event `id` out of the ring as a record; false when it is not there.
 [[nodiscard]] bool cjournal_ring_record(uint32_t id, cjournal_event_t* out);
 
 /// Makes the node's signing key ready, creating it when there is none; 0, or -1 when a new one
 /// could not be stored.
 [[nodiscard]] int ensure_node_signing_key_locked() REQUIRES(cjournal_lock);
+
+/// Signs `len` bytes with the node's key: 0, or -1. Takes the mutex.
+[[nodiscard]] int cjournal_sign_message(uint8_t signature[64], const void* message, uint32_t len)
+    EXCLUDES(cjournal_lock);
 
 /// Reads a segment's signature: false unless the file has exactly 64 bytes.
 [[nodiscard]] bool cjournal_read_signature_locked(uint32_t segment, uint8_t signature[64])

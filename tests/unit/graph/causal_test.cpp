@@ -141,7 +141,7 @@ TEST_F(Causal, RecordingEndsWithTheLastIdentifier) {
     EXPECT_EQ(emit(), 0xFFFFFFFFu);
     EXPECT_EQ(emit(), 0u);
     EXPECT_EQ(causal_total_events(), 0xFFFFFFFFu);
-    EXPECT_EQ(causal_oldest_event_id(), 0xFFFFC000u);
+    EXPECT_EQ(causal_oldest_event_id(), 0xFFFFFFFDu);
     EXPECT_EQ(recent(4, CAUSAL_USER), (ids_t{0xFFFFFFFF, 0xFFFFFFFE}));
     EXPECT_EQ(causal_count_orphans(), 2u);
 }

@@ -1,0 +1,112 @@
+// Retention: whole segments go, the one with the smallest first identifier first.
+#include "kernel/core/endian.h"
+#include "kernel/core/string.h"
+#include "kernel/fs/blockfs.h"
+#include "kernel/graph/cjournal/internal.h"
+
+namespace {
+
+constexpr uint32_t BYTES_PER_KB = 1024;
+
+/// What an eviction leaves behind: the segment's number and root, as text and as payload.
+struct [[gnu::packed]] evicted_t {
+    uint16_t schema_id;
+    uint8_t schema_version;
+    uint8_t zero;
+    uint32_t segment;
+    cjournal_hash_t root;
+};
+static_assert(sizeof(evicted_t) == 40);
+
+int32_t oldest_entry_locked() REQUIRES(cjournal_lock) {
+    int32_t oldest = 0;
+    for (int32_t i = 1; i < cjournal.index_count; i++) {
+        if (cjournal.index[i].active &&
+            cjournal.index[i].first_id < cjournal.index[oldest].first_id)
+            oldest = i;
+    }
+    return oldest;
+}
+
+void record_eviction_locked(uint32_t segment) REQUIRES(cjournal_lock) {
+    cjournal_root_header_t root;
+    char text[CJOURNAL_PATH_SIZE];
+    cjournal_path(segment, cjournal_file_t::root, text);
+    const bool known =
+        cjournal_read_file(text, &root, sizeof root) == 1 && cjournal_root_valid(root, segment);
+    char hex[2 * CAUSAL_HASH_SIZE + 1] = "without root";
+    evicted_t evicted = {0, 1, 0, segment, {}};
+    if (known) {
+        evicted.root = root.root;
+        causal_hash_hex(evicted.root.bytes, hex);
+    }
+    char desc[CAUSAL_DESC_SIZE];
+    ksnprintf(desc, sizeof desc, "evict %u %s", segment, hex);
+    causal_emit_payload(CAUSAL_IO, "cjournal", desc, nullptr, 0, &evicted, sizeof evicted);
+}
+
+/// A signature outlives its segment, so that an evicted root can still be proved to be ours; but
+/// not for ever, for each takes one of the volume's inodes.
+void remove_old_signature(uint32_t segment) {
+    if (segment <= CJOURNAL_SEGMENTS_MAX)
+        return;
+    char path[CJOURNAL_PATH_SIZE];
+    cjournal_path(segment - CJOURNAL_SEGMENTS_MAX, cjournal_file_t::signature, path);
+    if (blockfs_resolve(path) >= 0)
+        blockfs_remove(path);
+}
+
+bool over_byte_limit_locked() REQUIRES(cjournal_lock) {
+    return cjournal_writer.retention_max_kb != 0 &&
+           cjournal_indexed_kb_locked() > cjournal_writer.retention_max_kb;
+}
+
+}  // namespace
+
+uint32_t cjournal_indexed_events_locked() {
+    uint32_t events = 0;
+    for (int32_t i = 0; i < cjournal.index_count; i++) {
+        if (cjournal.index[i].active)
+            events += cjournal.index[i].event_count;
+    }
+    return events;
+}
+
+uint32_t cjournal_indexed_kb_locked() {
+    return cjournal_indexed_events_locked() * CJOURNAL_EVENT_SIZE / BYTES_PER_KB;
+}
+
+void delete_oldest_segment_locked() {
+    if (cjournal.index_count == 0)
+        return;
+    const int32_t at = oldest_entry_locked();
+    const uint32_t segment = cjournal.index[at].segment_num;
+    const uint32_t events = cjournal.index[at].event_count;
+    record_eviction_locked(segment);
+    cjournal_remove_segment_locked(segment);
+    remove_old_signature(segment);
+    cjournal.index_count--;
+    memmove(&cjournal.index[at], &cjournal.index[at + 1],
+            static_cast<size_t>(cjournal.index_count - at) * sizeof cjournal.index[0]);
+    cjournal.index[cjournal.index_count] = {};
+    cjournal.events_spilled -= events < cjournal.events_spilled ? events : cjournal.events_spilled;
+}
+
+void apply_retention_limit_locked(bool reserve_slot) {
+    const auto target =
+        static_cast<int32_t>(cjournal_writer.retention_max_segments) - (reserve_slot ? 1 : 0);
+    while (cjournal.index_count > (target > 0 ? target : 0))
+        delete_oldest_segment_locked();
+    while (cjournal.index_count > 1 && over_byte_limit_locked())
+        delete_oldest_segment_locked();
+}
+
+int cjournal_set_retention(uint32_t max_segments, uint32_t max_kb) {
+    const mutex_guard guard(cjournal_lock);
+    cjournal_writer.retention_max_segments = max_segments;
+    cjournal_writer.retention_max_kb = max_kb;
+    if (!cjournal_running_locked())
+        return -1;
+    apply_retention_limit_locked(false);
+    return save_index_file_locked();
+}

@@ -1,0 +1,194 @@
+// The regular spill: unspilled events in runs, each a segment. A run ends at 512 records, where
+// the ring has lost events, and where Lamport time steps back (restored events keep their old one):
+// so the records of a segment are consecutive and lie in the range that its header gives.
+#include "kernel/core/guards.h"
+#include "kernel/core/interrupt.h"
+#include "kernel/core/string.h"
+#include "kernel/core/task.h"
+#include "kernel/graph/cjournal/internal.h"
+
+namespace {
+
+constexpr int TASK_PRIORITY = 6;
+constexpr int SPILL_PRIORITY = 2;  // a busy shell must not keep the writer from the ring
+
+/// Set by emission when the threshold is passed; taken by the writer's task.
+volatile bool spill_wanted;
+
+uint32_t unspilled_locked() REQUIRES(cjournal_lock) {
+    const uint32_t total = causal_total_events();
+    const uint32_t cursor = cjournal_cursor_locked();
+    return total > cursor ? total - cursor : 0;
+}
+
+/// Names the events that the ring lost before they were spilled.
+void record_lost_locked(uint32_t first, uint32_t last) REQUIRES(cjournal_lock) {
+    cjournal_writer.lost_through = last;
+    causal_event_fmt(CAUSAL_IO, "cjournal", "lost %u..%u", first, last);
+}
+
+/// Fills the draft with up to `limit` consecutive events from the cursor on. What is missing before
+/// the first one is lost.
+void fill_draft_locked(cjournal_draft_t* draft, uint32_t limit, uint32_t end)
+    REQUIRES(cjournal_lock) {
+    const uint32_t start = cjournal_cursor_locked() + 1;
+    const uint32_t oldest = causal_oldest_event_id();
+    uint32_t id = start < oldest ? oldest : start;
+    draft->count = 0;
+    for (; id <= end && draft->count < limit; id++) {
+        cjournal_event_t* record = &draft->records()[draft->count];
+        const bool found = cjournal_ring_record(id, record);
+        if (draft->count == 0 && !found)
+            continue;
+        if (!found || (draft->count > 0 && !cjournal_may_follow(record[-1], *record)))
+            break;
+        draft->count++;
+    }
+    const uint32_t first = draft->count > 0 ? draft->records()[0].id : id;
+    if (first != start)
+        record_lost_locked(start, first - 1);
+}
+
+/// Writes the draft as the next segment and enters it; false when it cannot be written.
+bool spill_draft_locked(cjournal_draft_t* draft) REQUIRES(cjournal_lock) {
+    const uint32_t segment = cjournal.segments_written + 1;
+    if (segment == 0 || write_segment_locked(segment, draft, 0) != 0)
+        return false;
+    cjournal_add_draft_locked(segment, draft, 0, false);
+    cjournal.last_spilled_id = draft->header()->last_id;
+    return true;
+}
+
+uint32_t smaller(uint32_t a, uint32_t b) { return a < b ? a : b; }
+
+/// The event that makes the unspilled ones too many.
+void set_mark_locked() REQUIRES(cjournal_lock) {
+    const uint32_t cursor = cjournal_cursor_locked();
+    const uint32_t room = UINT32_MAX - cursor;
+    causal_set_spill_mark(cursor + smaller(room, CJOURNAL_SPILL_THRESHOLD + 1));
+}
+
+/// How many events the periodic check has to write.
+uint32_t due_locked() REQUIRES(cjournal_lock) {
+    const uint32_t waiting = unspilled_locked();
+    return waiting > CJOURNAL_SPILL_THRESHOLD ? waiting - CJOURNAL_SPILL_TARGET : 0;
+}
+
+bool check_is_due() {
+    const mutex_guard guard(cjournal_lock);
+    return cjournal_running_locked() && due_locked() != 0;
+}
+
+}  // namespace
+
+void cjournal_wake() { spill_wanted = true; }
+
+uint32_t cjournal_cursor_locked() {
+    uint32_t cursor = cjournal.last_spilled_id;
+    if (cursor < causal_numbering_base())
+        cursor = causal_numbering_base();
+    return cursor < cjournal_writer.lost_through ? cjournal_writer.lost_through : cursor;
+}
+
+bool cjournal_ring_record(uint32_t id, cjournal_event_t* out) {
+    causal_event_t copy;
+    {
+        const irq_guard guard;
+        const causal_event_t* ev = causal_get_ring(id);
+        if (ev == nullptr)
+            return false;
+        memcpy(&copy, ev, sizeof copy);
+    }
+    compact_event(copy, out);
+    return true;
+}
+
+int cjournal_spill_locked(uint32_t count) {
+    if (!cjournal_running_locked())
+        return 0;
+    const uint32_t end = causal_total_events();
+    count = smaller(count, unspilled_locked());
+    if (count == 0)
+        return 0;
+    const auto draft = heap_ptr<cjournal_draft_t>::make();
+    if (!draft)
+        return 0;
+    uint32_t written = 0;
+    while (written < count) {
+        fill_draft_locked(draft.get(), smaller(count - written, CJOURNAL_SEGMENT_EVENTS), end);
+        if (draft->count == 0 || !spill_draft_locked(draft.get()))
+            break;
+        written += draft->count;
+    }
+    if (written == 0)
+        return 0;
+    cjournal_writer.last_spill_tick = system_ticks;
+    if (save_index_file_locked() == 0)
+        cjournal_writer.index_source = "live";
+    set_mark_locked();
+    return static_cast<int>(written);
+}
+
+int cjournal_spill(int count) {
+    const mutex_guard guard(cjournal_lock);
+    return count < 1 ? 0 : cjournal_spill_locked(static_cast<uint32_t>(count));
+}
+
+int cjournal_shutdown() {
+    const mutex_guard guard(cjournal_lock);
+    return cjournal_spill_locked(UINT32_MAX);
+}
+
+void cjournal_tick() {
+    const mutex_guard guard(cjournal_lock);
+    if (!cjournal_running_locked())
+        return;
+    const uint32_t now = system_ticks;
+    if (!spill_wanted && now - cjournal.last_check_tick < CJOURNAL_CHECK_TICKS)
+        return;
+    spill_wanted = false;
+    cjournal.last_check_tick = now;
+    const uint32_t due = due_locked();
+    if (due != 0)
+        cjournal_spill_locked(due);
+    else
+        set_mark_locked();
+}
+
+void cjournal_task_fn() {
+    for (;;) {
+        const bool hurry = spill_wanted && check_is_due();
+        if (hurry)
+            task_set_priority(task_getpid(), SPILL_PRIORITY);
+        cjournal_tick();
+        if (hurry)
+            task_set_priority(task_getpid(), TASK_PRIORITY);
+        task_sleep(1);
+    }
+}
+
+int cjournal_spill_through(uint32_t event_id) {
+    cjournal_event_t found;
+    if (event_id == 0)
+        return -1;
+    if (cjournal_query_by_id_disk(event_id, &found) == 0)
+        return 0;
+    const mutex_guard guard(cjournal_lock);
+    if (!cjournal_running_locked())
+        return -1;
+    const auto draft = heap_ptr<cjournal_draft_t>::make();
+    if (!draft || !cjournal_ring_record(event_id, draft->records()))
+        return -1;
+    draft->count = 1;
+    const uint32_t segment = cjournal.segments_written + 1;
+    if (segment == 0 || write_segment_locked(segment, draft.get(), 0) != 0)
+        return -1;
+    cjournal_add_draft_locked(segment, draft.get(), 0, false);
+    if (save_index_file_locked() == 0)
+        cjournal_writer.index_source = "live";
+    return 1;
+}
+
+const cjournal_state_t* cjournal_state() NO_THREAD_SAFETY_ANALYSIS { return &cjournal; }
+
+uint32_t cjournal_total_persisted() NO_THREAD_SAFETY_ANALYSIS { return cjournal.events_spilled; }

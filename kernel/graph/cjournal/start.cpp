@@ -1,0 +1,155 @@
+// Start-up: numbering, state, index, task and hooks.
+#include "kernel/core/interrupt.h"
+#include "kernel/core/kprintf.h"
+#include "kernel/core/string.h"
+#include "kernel/core/task.h"
+#include "kernel/fs/blockfs.h"
+#include "kernel/graph/cjournal/internal.h"
+
+cjournal_state_t cjournal;
+cjournal_writer_t cjournal_writer;
+
+namespace {
+
+constexpr int TASK_PRIORITY = 6;
+constexpr int CHILDREN_MAX = 32;
+
+/// The store's hook: an archived event.
+bool fetch_archived(uint32_t id, causal_event_t* out) {
+    cjournal_event_t record;
+    if (cjournal_query_by_id_disk(id, &record) != 0)
+        return false;
+    cjournal_expand_event(record, out);
+    return true;
+}
+
+/// The store's hook: archived events that name a parent.
+int find_archived_children(uint32_t id, uint32_t* ids, int max) {
+    const int wanted = max < CHILDREN_MAX ? max : CHILDREN_MAX;
+    const auto records = cjournal_records_t::make(CHILDREN_MAX);
+    const int count = records ? cjournal_query_children(id, records.get(), wanted) : 0;
+    for (int i = 0; i < count; i++)
+        ids[i] = records[static_cast<size_t>(i)].id;
+    return count;
+}
+
+constexpr causal_archive_hooks_t ARCHIVE_HOOKS = {fetch_archived, find_archived_children};
+
+bool volume_is_there() { return blockfs_resolve("/") >= 0; }
+
+void make_directory() {
+    if (blockfs_resolve(CJOURNAL_DIR) < 0)
+        blockfs_create(CJOURNAL_DIR, BLOCKFS_DIRECTORY);
+}
+
+/// The last identifier of a segment, if its last record has it too: a header that was damaged must
+/// not use up the numbers.
+uint32_t last_id_locked(uint32_t segment) REQUIRES(cjournal_lock) {
+    cjournal_segment_file_t file;
+    uint32_t id = 0;
+    if (cjournal_open_segment_locked(segment, &file) != 0)
+        return 0;
+    const uint32_t at =
+        CJOURNAL_HEADER_SIZE + (file.header.event_count - 1) * file.layout.event_size;
+    const int got = cjournal_read_exact_retry(file.inode, &id, at, sizeof id);
+    return got == static_cast<int>(sizeof id) && id == file.header.last_id ? id : 0;
+}
+
+uint32_t highest_archived_locked() REQUIRES(cjournal_lock) {
+    uint32_t highest = 0;
+    cjournal_listing_t listing;
+    cjournal_list_locked(&listing);
+    for (uint32_t i = 0; i < listing.count; i++) {
+        if (!listing.at(i).has(cjournal_file_t::segment))
+            continue;
+        const uint32_t last = last_id_locked(listing.at(i).segment);
+        highest = last > highest ? last : highest;
+    }
+    return highest;
+}
+
+void reset_locked() REQUIRES(cjournal_lock) {
+    memset(&cjournal, 0, sizeof cjournal);
+    memset(&cjournal_writer, 0, sizeof cjournal_writer);
+    cjournal_writer.retention_max_segments = CJOURNAL_SEGMENTS_MAX;
+    cjournal_writer.index_source = "none";
+}
+
+/// A boot that ended without a last spill may have spilled single events ahead of the others.
+void record_lost_with_last_boot_locked() REQUIRES(cjournal_lock) {
+    const uint32_t base = causal_numbering_base();
+    uint32_t live = 0;
+    for (int32_t i = 0; i < cjournal.index_count; i++) {
+        const cjournal_entry_t& entry = cjournal.index[i];
+        if ((entry.flags & CJOURNAL_FLAG_IMPORTED) == 0 && entry.last_id > live)
+            live = entry.last_id;
+    }
+    if (live == base && cjournal.last_spilled_id + 1 < live)
+        causal_event_fmt(CAUSAL_IO, "cjournal", "lost %u..%u", cjournal.last_spilled_id + 1,
+                         live - 1);
+}
+
+bool start_locked() REQUIRES(cjournal_lock) {
+    reset_locked();
+    if (!volume_is_there()) {
+        kprintf("[cjournal] no block filesystem — journal disabled\n");
+        cjournal.initialized = true;
+        return false;
+    }
+    cjournal.disk_available = true;
+    make_directory();
+    const bool unnamed = cjournal_recover_locked();
+    if (unnamed || !cjournal_load_index_locked())
+        rebuild_index_locked();
+    record_lost_with_last_boot_locked();
+    cjournal.last_check_tick = system_ticks;
+    cjournal.initialized = true;
+    return true;
+}
+
+/// What is said of the index at start-up.
+struct summary_t {
+    int32_t segments;
+    uint32_t events;
+};
+
+bool start(summary_t* summary) {
+    const mutex_guard guard(cjournal_lock);
+    const bool started = start_locked();
+    *summary = {cjournal.index_count, cjournal.events_spilled};
+    return started;
+}
+
+}  // namespace
+
+void cjournal_continue_numbering() {
+    uint32_t highest = 0;
+    if (!volume_is_there())
+        return;
+    {
+        const mutex_guard guard(cjournal_lock);
+        reset_locked();
+        static_cast<void>(cjournal_recover_locked());
+        highest = highest_archived_locked();
+    }
+    if (!causal_renumber(highest))
+        kprintf("[cjournal] WARNING: the numbers of events are used up\n");
+}
+
+void cjournal_init() {
+    summary_t summary = {};
+    causal_set_archive_hooks(nullptr);
+    causal_set_spill_hook(nullptr);
+    if (!start(&summary))
+        return;
+    causal_set_archive_hooks(&ARCHIVE_HOOKS);
+    causal_set_spill_hook(cjournal_wake);
+    cjournal_wake();
+    if (task_create("cjournal", cjournal_task_fn, TASK_PRIORITY) == nullptr)
+        kprintf("[cjournal] WARNING: no memory for the task\n");
+    causal_event_fmt(CAUSAL_IO, "cjournal", "%s",
+                     summary.segments == 0 ? "journal init: empty"
+                                           : "journal init: recovered segments from disk");
+    kprintf("[cjournal] initialized — %d segments, %u events on disk\n", summary.segments,
+            summary.events);
+}
