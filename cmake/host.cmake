@@ -36,7 +36,10 @@ add_custom_target(vorn_host_renamed DEPENDS ${VORN_HOST_LIB})
 
 file(GLOB VORN_MACHINE_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/machine/*.cpp)
 file(GLOB_RECURSE VORN_UNIT_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/unit/*.cpp)
-add_executable(vorn_unit ${VORN_UNIT_SOURCES} ${VORN_MACHINE_SOURCES})
+# What host tools decide is proved here as well; what moves their bytes is not.
+set(VORN_TOOL_SOURCES ${CMAKE_SOURCE_DIR}/tools/audit/journal.cpp
+  ${CMAKE_SOURCE_DIR}/tools/audit/segment.cpp ${CMAKE_SOURCE_DIR}/tools/audit/state.cpp)
+add_executable(vorn_unit ${VORN_UNIT_SOURCES} ${VORN_MACHINE_SOURCES} ${VORN_TOOL_SOURCES})
 add_dependencies(vorn_unit vorn_host_renamed)
 # Before every test source: our names beside the C library's, and the test library, compiled once.
 target_precompile_headers(vorn_unit PRIVATE

@@ -15,6 +15,11 @@ include(cmake/crypto.cmake)
 set(VORN_TOOL_ARCH -m32 -march=i686 -O2 -g ${VORN_WARNINGS})
 file(GLOB VORN_HOSTED_SOURCES CONFIGURE_DEPENDS
   ${CMAKE_SOURCE_DIR}/kernel/core/string/*.cpp ${CMAKE_SOURCE_DIR}/kernel/fs/blockfs/*.cpp)
+set(VORN_JOURNAL_CODEC ${CMAKE_SOURCE_DIR}/kernel/graph)
+list(APPEND VORN_HOSTED_SOURCES
+  ${VORN_JOURNAL_CODEC}/cjournal/format.cpp ${VORN_JOURNAL_CODEC}/cjournal/merkle.cpp
+  ${VORN_JOURNAL_CODEC}/cjournal/records.cpp ${VORN_JOURNAL_CODEC}/causal/hash.cpp
+  ${VORN_JOURNAL_CODEC}/causal_schema.cpp)
 add_library(vorn_hosted_raw STATIC ${VORN_HOSTED_SOURCES} ${VORN_NOISE_SOURCES}
   ${CMAKE_SOURCE_DIR}/kernel/core/kprintf.cpp ${CMAKE_SOURCE_DIR}/kernel/apps/cmd_disk/join.cpp)
 target_include_directories(vorn_hosted_raw PRIVATE
@@ -45,3 +50,4 @@ function(vorn_image_tool name folder)
 endfunction()
 
 vorn_image_tool(vorn-disk disk)
+vorn_image_tool(vorn-audit audit)

@@ -27,23 +27,20 @@ assert (HEADER.size, RECORD.size, FOOTER.size, SIDECAR.size, ROOT.size) == (44, 
 
 
 # --- The volume -----------------------------------------------------------------------------------
-def read_volume(image):
-    """All files of a volume, by path, read from the bytes of its image."""
-    def sector(n):
-        return image[n * SECTOR:(n + 1) * SECTOR]
-
+def place_files(image):
+    """The sectors and the size of each file of a volume, by path."""
     def pointers(block):
-        return struct.unpack("<128I", sector(block)) if block else (0,) * 128
+        return struct.unpack_from("<128I", image, block * SECTOR) if block else (0,) * 128
 
     magic, _, _, count, start = SUPER.unpack_from(image)[:5]
     assert magic == 0x564F4653, "no volume"
-    inodes = [INODE.unpack_from(sector(start + n)) for n in range(count)]
+    inodes = [INODE.unpack_from(image, (start + n) * SECTOR) for n in range(count)]
     names = [fields[15].split(b"\0")[0].decode("latin-1") for fields in inodes]
 
     def path(n):
         return "" if n == 0 else f"{path(inodes[n][14])}/{names[n]}"
 
-    files = {}
+    places = {}
     for n, fields in enumerate(inodes):
         if fields[0] != 1:
             continue
@@ -51,8 +48,14 @@ def read_volume(image):
         for leaf in pointers(fields[20]):
             if len(blocks) * SECTOR < fields[1]:
                 blocks += pointers(leaf)
-        files[path(n)] = b"".join(map(sector, blocks[:-(-fields[1] // SECTOR)]))[:fields[1]]
-    return files
+        places[path(n)] = blocks[:-(-fields[1] // SECTOR)], fields[1]
+    return places
+
+
+def read_volume(image):
+    """All files of a volume, by path, read from the bytes of its image."""
+    return {path: b"".join(bytes(image[n * SECTOR:(n + 1) * SECTOR]) for n in blocks)[:size]
+            for path, (blocks, size) in place_files(image).items()}
 
 
 # --- Hashes ---------------------------------------------------------------------------------------
@@ -142,13 +145,12 @@ def padded_text(field):
 
 
 def check_record(fields):
-    (_, _, _, _, kind, subsystem, desc, *parents, count, _, size, payload, schema,
-     version) = fields
+    (_, _, _, _, kind, subsystem, desc, *parents, count, _, size, payload, _, version) = fields
     require(kind <= 9, "type")
     require(padded_text(subsystem) and padded_text(desc), "text not in canonical form")
     require(count <= 4 and not any(parents[count:]), "parents")
     require(size <= 420 and (size != 0 or payload == bytes(32)), "payload")
-    require(version != 0 or schema == 0, "schema")
+    require(version != 0, "schema")
 
 
 def check_segment(number, files, name):
@@ -178,7 +180,9 @@ def check_segment(number, files, name):
     require(all(lamport_a <= l <= lamport_b for l in lamports), "lamport")
     for record in fields:
         check_record(record)
+        require(flags == 0 or (record[12], record[13]) == (0, 0), "imported")
 
+    require(ids[-1] - ids[0] + 1 == count or flags != 0, "identifiers are missing")
     hashes = [event_hash(record) for record in records]
     head = (number, count, first, last)
     sidecar, root = files.get(name + ".hsh"), files.get(name + ".ert")
@@ -209,7 +213,8 @@ def judge(files, public=None):
     numbers = sorted(int(found.group(1)) for path in files
                      if (found := re.fullmatch(r"/causal/seg-(\d{8})\.jnl", path)))
     unsigned = not numbers
-    chain = newest = None
+    chain = None
+    starts = {1} if numbers[:1] == [1] else None  # where a regular segment may begin
     try:
         for number in numbers:
             name = f"/causal/seg-{number:08d}"
@@ -221,17 +226,27 @@ def judge(files, public=None):
                 require(previous == chain[1], "chain")
             chain = number, own
             if flags == 0:
-                newest = check_order(ids, newest)
+                starts = check_order(ids, starts)
             unsigned = not is_signed(files, name, root, key) or unsigned
+        check_index(files.get("/causal/index.jix", b""), numbers)
     except Damage:
         return BAD
     return UNSEALED if unsigned else SOUND
 
 
-def check_order(ids, newest):
+def check_order(ids, starts):
     """Identifiers go on where the segment before ended; an event spilled alone may run ahead."""
-    if newest is None or len(ids) == 1:
-        return newest if newest is not None and len(ids) == 1 and ids[0] != newest + 1 else ids[-1]
-    require(ids[0] == newest + 1, "identifiers are missing")
-    require(ids[-1] - ids[0] + 1 == len(ids), "identifiers are missing")
-    return ids[-1]
+    if starts is None or ids[0] in starts:
+        return (starts or set()) | {ids[-1] + 1} if len(ids) == 1 else {ids[-1] + 1}
+    require(len(ids) == 1, "identifiers are missing")
+    return starts
+
+
+def check_index(index, numbers):
+    """An index that speaks of newer segments than there are gives a cut tail away."""
+    if len(index) < 24:
+        return
+    magic, version, count = struct.unpack_from("<3I", index)
+    if (magic, version) == (0x584A4943, 6) and count <= 32 and len(index) == 24 + 80 * count:
+        named = [struct.unpack_from("<I", index, 24 + 80 * i)[0] for i in range(count)]
+        require(max(named, default=0) <= max(numbers, default=0), "the tail was removed")

@@ -53,7 +53,7 @@ outcome() {
 }
 
 test_system() {
-    build_preset kernel || { count system 0 1; return; }
+    { build_preset kernel && build_preset tools; } || { count system 0 1; return; }
     local status=0 log=$logs/system.log bad
     child timeout --foreground 900 "$VORN_PYTHON" -m pytest tests/system -q -p no:cacheprovider \
         -W ignore::DeprecationWarning \
