@@ -31,6 +31,10 @@ uint32_t preemptions();
 
 // --- workers.cpp ---
 
+/// A RAM file that workers share; room for it is made beforehand.
+constexpr const char* SHARED_FILE = "/home/demo.sl";
+constexpr uint32_t SHARED_FILE_BYTES = 400;
+
 /// Creates the workers; each runs until stop_workers.
 void workers_start();
 

@@ -14,6 +14,7 @@
 #include "kernel/drivers/dmesg.h"
 #include "kernel/drivers/keyboard.h"
 #include "kernel/drivers/keyboard_ports.h"
+#include "kernel/fs/ramfs.h"
 #include "kernel/graph/causal.h"
 #include "tests/stress/stress.h"
 
@@ -35,10 +36,12 @@ enum kind_t {
     LOG,
     KEYS,
     QUEUES,
+    FILES,
     KINDS,
 };
-constexpr std::array<const char*, KINDS> KIND_NAMES = {
-    "heap", "events", "tokens", "sleeps", "children", "mutex", "console", "log", "keys", "queues"};
+constexpr std::array<const char*, KINDS> KIND_NAMES = {"heap",     "events", "tokens",  "sleeps",
+                                                       "children", "mutex",  "console", "log",
+                                                       "keys",     "queues", "files"};
 std::array<volatile uint32_t, KINDS> done;
 
 uint32_t new_seed() {
@@ -336,6 +339,33 @@ void queue_worker() {
     });
 }
 
+/// Two of these share a file: what one reads was written at once, by itself or by the other.
+void file_worker() {
+    std::array<uint8_t, SHARED_FILE_BYTES> data = {};
+    fs_node_t* file = fs_resolve(SHARED_FILE);
+    fs_write(file, data.data(), data.size());
+    work(FILES, [&](uint32_t* seed) {
+        memset(data.data(), static_cast<int>(krng(seed)), data.size());
+        if (fs_write(file, data.data(), krng(seed) % data.size()) != 0)
+            stress_fail("a file took no data", 0, 0);
+        const int32_t count = fs_read(file, data.data(), data.size(), 0);
+        for (int32_t i = 1; i < count; ++i)
+            if (data[static_cast<size_t>(i)] != data[0])
+                stress_fail("a file of two writes", static_cast<uint32_t>(i), data[0]);
+    });
+}
+
+/// Moves a directory to and fro; whoever looks sees it in one place.
+void directory_worker() {
+    work(FILES, [](uint32_t*) {
+        char names[128];
+        if (fs_rename("/tmp", "/bin/tmp") != 0 || fs_rename("/bin/tmp", "/tmp") != 0)
+            stress_fail("a directory could not move", 0, 0);
+        if (fs_list_names("/", names, sizeof names) != 4)
+            stress_fail("the tree lost an entry", 0, 0);
+    });
+}
+
 }  // namespace
 
 void feed_key() {
@@ -383,6 +413,9 @@ void workers_start() {
         {KEYS, key_worker},
         {QUEUES, queue_worker},
         {QUEUES, queue_worker},
+        {FILES, file_worker},
+        {FILES, file_worker},
+        {FILES, directory_worker},
     };
     for (const worker_t& w : WORKERS) {
         __atomic_add_fetch(&workers_alive, 1, __ATOMIC_RELAXED);
