@@ -42,7 +42,7 @@ def states_at(writes, marks):
 
 
 def check_files(files, before, after):
-    """What the command did not change is as it was; what it changed is whole or cut, never mixed."""
+    """What the command did not change is as it was; what it changed is whole or cut, not mixed."""
     for path in before.keys() | after.keys():
         old, new = before.get(path), after.get(path)
         found = files.get(path)
