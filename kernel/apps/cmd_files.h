@@ -2,7 +2,7 @@
 // A path is read from the RAM filesystem when that holds it, else from VoFS; `ls` of a directory
 // that both hold shows both. Writes go where kernel/fs/route.h says; missing directories on the
 // disk are made. Each error is one line that begins with the command's name; a command with several
-// names goes on with the next one. Contents pass through a heap buffer of 4 KiB and go to the
+// names goes on with the next one. Contents pass through a small heap buffer and go to the
 // console without being logged. All run in the task of the shell that dispatched them and may run
 // in several tasks at once; no pointer into a filesystem is kept between two of its calls.
 #pragma once

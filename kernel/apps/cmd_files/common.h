@@ -10,7 +10,7 @@
 #include "kernel/core/heap_ptr.h"
 #include "kernel/fs/overlay.h"
 
-constexpr uint32_t FILE_PIECE_BYTES = 4096;
+constexpr uint32_t FILE_PIECE_BYTES = 3584;  ///< whole sectors, too few to be recorded by the heap
 
 /// What a command line asks for beside names.
 struct file_options_t {
