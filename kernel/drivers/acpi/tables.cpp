@@ -121,7 +121,7 @@ acpi_button_t acpi_find_button(acpi_memory_fn memory) {
     const uint32_t width = fixed.bytes[FIXED_EVENT_LENGTH] / 2u;
     const uint32_t flags = load_le32(fixed.bytes + FIXED_FLAGS);
     if ((flags & (FLAG_BUTTON_IS_DEVICE | FLAG_REDUCED)) != 0 || line >= LINES || events == 0 ||
-        width < 2 || events + 2 * width - 1 > PORT_MAX || control > PORT_MAX - 1 ||
+        width < 2 || events > PORT_MAX - (2 * width - 1) || control > PORT_MAX - 1 ||
         command > PORT_MAX)
         return {};
     return {static_cast<uint16_t>(events),     static_cast<uint16_t>(events + width),

@@ -32,6 +32,9 @@ TEST(Hal, ProgramsSerialPortAndInterruptControllers) {
     EXPECT_EQ(accesses(), "3f9=0 3fb=80 3f8=3 3f9=0 3fb=3 3fa=c7 3fc=b 3f9=1 ");
     hal_irq_init();
     EXPECT_EQ(accesses(), "20=11 a0=11 21=20 a1=28 21=4 a1=2 21=1 a1=1 21=e8 a1=ff ");
+    hal_irq_enable(9, true);
+    hal_irq_enable(3, false);
+    EXPECT_EQ(accesses(), "a1=ff a1=fd 21=ff 21=ff ") << "reads of absent ports, then writes";
     hal_irq_eoi(7);
     hal_irq_eoi(8);
     EXPECT_EQ(accesses(), "20=20 a0=20 20=20 ");
@@ -55,4 +58,14 @@ TEST(Hal, PowersOffAndHaltsWhereNothingAnswers) {
     machine_reset();
     EXPECT_THROW(hal_shutdown(), machine_halted);
     EXPECT_EQ(accesses(), "604=w2000 b004=w2000 ");
+}
+
+TEST(Hal, ResetsByKeyboardControllerAndChipset) {
+    machine_reset();
+    EXPECT_THROW(hal_reboot(), machine_halted);
+    std::string written;
+    for (const port_access_t& access : machine().ports)
+        if (access.write)
+            written += std::to_string(access.port) + "=" + std::to_string(access.value) + " ";
+    EXPECT_EQ(written, "100=254 3321=2 3321=6 ");
 }
