@@ -181,6 +181,10 @@ class Machine:
             self._key_events(names, True)
             self._key_events(reversed(names), False)
 
+    def hold(self, chord):
+        """Presses the keys of a chord for good, as one that ends the machine is."""
+        self._key_events(chord.split("+"), True)
+
     def _key_events(self, names, down):
         self.qmp.run("input-send-event", events=[
             {"type": "key", "data": {"down": down, "key": {"type": "qcode", "data": name}}}

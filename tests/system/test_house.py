@@ -136,6 +136,35 @@ def test_run_gives_the_terminal_to_the_console_until_ctrl_a_x():
     assert terminal.exitstatus == 0
 
 
+def test_stop_ends_the_running_machine_in_order(tmp_path):
+    """And `disk` looks at its image only then."""
+    image = str(tmp_path / "disk.img")
+    done = vorn("stop")
+    assert done.returncode == 1 and "no machine is running" in done.stderr
+    terminal = pexpect.spawn(VORN, ["run", "--no-net", "--disk", image], timeout=60,
+                             encoding="utf-8", codec_errors="replace")
+    terminal.expect(PROMPT)
+    terminal.send("diskwrite /kept for good\r")
+    terminal.expect(PROMPT)
+    done = vorn("disk", image, "ls")
+    assert done.returncode == 1 and "in use" in done.stderr
+    assert vorn("stop").returncode == 0
+    terminal.expect_exact("[shutdown] System halted")
+    terminal.expect(pexpect.EOF)
+    assert vorn("disk", image, "get", "/kept", "-").stdout == "for good"
+
+
+def test_stop_gives_up_on_a_machine_that_does_not_answer(tmp_path):
+    terminal = pexpect.spawn(VORN, ["run", "--no-disk", "--no-net", "--", "-S"], timeout=60)
+    terminal.expect_exact("Ctrl-a x")
+    while not (tmp_path / "qmp").exists():
+        time.sleep(0.05)
+    done = vorn("stop", VORN_STOP_SECONDS="1")
+    assert done.returncode == 1 and "did not stop" in done.stderr
+    terminal.send("\x01x")
+    terminal.expect(pexpect.EOF)
+
+
 def test_gdb_attaches_with_symbols_to_a_waiting_machine_and_to_its_own():
     waiting = pexpect.spawn(VORN, ["run", "--gdb", "--no-disk", "--no-net"], timeout=60)
     waiting.expect_exact("Ctrl-a x")
