@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "kernel/apps/shell.h"
+#include "kernel/core/kprintf.h"
 #include "kernel/core/task.h"
 #include "kernel/drivers/console.h"
 #include "tests/unit/fs/volume.h"
@@ -18,6 +19,10 @@ protected:
         shell_init();
         console_init();
         ASSERT_EQ(mount(), 0);
+    }
+    void TearDown() override {
+        kprintf_set_console(nullptr);
+        Volume::TearDown();
     }
     /// What a command line shows on the console.
     std::string run(std::string line) {
