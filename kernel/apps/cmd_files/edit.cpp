@@ -7,6 +7,7 @@
 #include "kernel/apps/cmd_files/common.h"
 #include "kernel/apps/cmd_files/editor.h"
 #include "kernel/apps/shell.h"
+#include "kernel/core/interrupt.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
@@ -24,6 +25,7 @@ constexpr int ROWS_MAX = 64;
 constexpr int COLUMNS_MIN = 20;
 constexpr int COLUMNS_MAX = 160;
 constexpr size_t MESSAGE_BYTES = 96;
+constexpr uint32_t LATE_TICKS = 10;
 
 /// An editor at work.
 struct edit_t {
@@ -59,8 +61,46 @@ int session_key(uint8_t byte) {
     }
 }
 
+/// A key within the next ticks, or -1.
+int poll_soon() {
+    const uint32_t start = system_ticks;
+    while (system_ticks - start < LATE_TICKS) {
+        const int key = kbpoll_poll();
+        if (key >= 0)
+            return key;
+        task_sleep(1);
+    }
+    return -1;
+}
+
+/// What follows an escape that stood alone for the poll: on a busy machine the rest of a cursor
+/// key's sequence comes late.
+int late_sequence() {
+    int key = poll_soon();
+    if (key == '[')
+        key = poll_soon();
+    switch (key) {
+        case 'A':
+            return KEY_UP;
+        case 'B':
+            return KEY_DOWN;
+        case 'C':
+            return KEY_RIGHT;
+        case 'D':
+            return KEY_LEFT;
+        case '3':
+            (void)poll_soon();  // the "~"
+            return KEY_DELETE;
+        default:
+            return key < 0 ? KBPOLL_ESCAPE : key;
+    }
+}
+
 int read_key(const edit_t& edit) {
-    return edit.remote ? session_key(shell_getchar()) : kbpoll_getchar();
+    if (edit.remote)
+        return session_key(shell_getchar());
+    const int key = kbpoll_getchar();
+    return key == KBPOLL_ESCAPE ? late_sequence() : key;
 }
 
 void move_cursor(int row, int column) {
