@@ -42,7 +42,7 @@ bool file_error(const char* command, const char* name, int error);
 /// Makes the path of `typed`; false after the error's line.
 bool file_name(const char* command, const char* typed, file_name_t* out);
 
-/// Reads the file `typed` from `offset` on and hands `take` piece after piece until that returns
+/// Reads an open file from `offset` on and hands `take` piece after piece until that returns
 /// false; false after the error's line.
 template <typename F>
 bool file_read_from(const char* command, const overlay_file_t& file, uint32_t offset, F&& take) {
