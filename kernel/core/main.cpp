@@ -5,6 +5,8 @@
 #include "arch/x86/cpu.h"
 #include "arch/x86/hal.h"
 #include "arch/x86/image.h"
+#include "kernel/apps/mail.h"
+#include "kernel/apps/notes.h"
 #include "kernel/apps/power.h"
 #include "kernel/apps/shell.h"
 #include "kernel/apps/surgeon.h"
@@ -26,8 +28,10 @@
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/ramfs.h"
 #include "kernel/graph/causal.h"
+#include "kernel/graph/causal_persist.h"
 #include "kernel/graph/cjournal.h"
 #include "kernel/graph/replay.h"
+#include "kernel/graph/timeline.h"
 
 namespace {
 
@@ -109,6 +113,7 @@ void start_storage() {
         return;
     kprintf("[boot] VoFS persistent filesystem mounted\n");
     cjournal_continue_numbering();
+    causal_persist_init();
 }
 
 /// The console's question where the running task's output goes.
@@ -126,6 +131,7 @@ void start_tasks() {
     keyboard_init();
     kprintf("[boot] PS/2 keyboard driver ready\n");
     task_init();
+    timeline_watch_tasks();
     console_set_session_hook(running_task_session);
     kprintf("[boot] Task manager initialized\n");
 }
@@ -139,6 +145,18 @@ void start_timer() {
     hal_timer_init(TIMER_HZ);
     kprintf("[boot] Timer at %u Hz\n", TIMER_HZ);
     cpu_sti();
+}
+
+/// Without a volume it does nothing.
+void save_history() {
+    for (int i = 0; i < TIMELINE_SLOTS; ++i) {
+        if (timeline_get(i) != nullptr)
+            timeline_persist(i);
+    }
+    cjournal_shutdown();
+    const int flushed = causal_flush();
+    if (flushed > 0)
+        kprintf("[shutdown] Flushed %d causal events to disk\n", flushed);
 }
 
 /// At priority 7 it runs only when nothing else is ready; it never blocks.
@@ -178,7 +196,9 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     start_memory(info);
     causal_init();
     replay_init();
+    timeline_init();
     causal_emit(CAUSAL_SCHED, "boot", "kernel boot started", nullptr, 0);
+    timeline_create("system", "shell");
     start_bus();
     start_tasks();
     start_ram_filesystem();
@@ -186,7 +206,10 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     start_timer();
     hwrng_init();
     noise_init();
+    mail_init();
+    notes_init();
     cjournal_init();
+    mail_seed_welcome();
     start_system_tasks(button);
     sched_start();
     kprintf("[boot] Scheduler active\n\n");
@@ -205,7 +228,7 @@ void kernel_shutdown(bool reboot) {
     const char* word = reboot ? "reboot" : "halt";
     kprintf("[shutdown] Initiating %s...\n", word);
     causal_event_fmt(CAUSAL_SCHED, "kernel", "shutdown type=%s", word);
-    cjournal_shutdown();
+    save_history();
     kprintf("[shutdown] System %s\n", reboot ? "rebooting" : "halted");
     if (reboot)
         hal_reboot();

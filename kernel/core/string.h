@@ -64,6 +64,11 @@ const char* strerror(int err);
 /// number of bytes before the terminator. `size` is at least 1.
 size_t string_copy(char* dest, const char* src, size_t size);
 
+/// Copies a text field of `size` bytes (at least 1) that came from outside: it need not be
+/// terminated, control characters become "?", and `dest`, of the same size, is terminated and zero
+/// behind the text.
+void string_clean(char* dest, const void* field, size_t size);
+
 /// Writes `value` in `base` 2..36 with lower-case letters; a minus sign only in base 10, other
 /// bases print the 32-bit pattern. `buf` holds 34 bytes at most.
 void itoa(int value, char* buf, int base);

@@ -79,7 +79,8 @@ int cjournal_shutdown();
 
 // --- Writing -------------------------------------------------------------------------------------
 
-/// The periodic check: spills when it is time. cjournal_task_fn repeats it for ever.
+/// The periodic check: spills when it is time. cjournal_task_fn repeats it for ever, and the check
+/// of the snapshot (causal_persist.h) with it.
 void cjournal_tick();
 void cjournal_task_fn();
 

@@ -135,10 +135,11 @@ int timeline_replay_until(int tl_id, uint32_t until_tick, timeline_replay_fn fn,
 bool timeline_parse_payload(const causal_event_t* ev, uint32_t* sub_type, const uint8_t** data,
                             uint16_t* data_len);
 
-/// The position in the chain (0: the oldest event, -1: before it) that a text names: "start",
-/// "origin" or "0" before the first event, "head", "cursor", "#N" or "id=N" the event N, "T+N" the
-/// last event whose tick is at most N, "N" the N-th event. False when there is no such position.
-[[nodiscard]] bool timeline_parse_endpoint(int tl_id, const char* text, int* position);
+/// The event of the chain that a text names, 0 for the place before the oldest: "start", "origin"
+/// or "0" that place, "head", "cursor" (the last one when the cursor's is not in the chain), "#N"
+/// or "id=N" the event N, "T+N" the last event whose tick is at most N (or that place), "N" the
+/// N-th. False when there is no such event.
+[[nodiscard]] bool timeline_parse_endpoint(int tl_id, const char* text, uint32_t* event_id);
 
 // --- Saving and loading: task context ------------------------------------------------------------
 //
@@ -157,9 +158,11 @@ int timeline_restore(const char* name);
 /// none; -1 for one of the older form or a damaged one.
 int timeline_saved(const char* name, uint32_t* events, uint32_t* chunks);
 
-/// Writes the chain as a text, one line an event, to `path`: where files of that path go, the RAM
-/// filesystem or VoFS. The bytes written, or -1.
-int timeline_export(int tl_id, const char* path);
-
-/// timeline_export of the last `max_events` events.
+/// Writes the last `max_events` events of the chain as a text, one line an event, to `path`: an
+/// absolute one where files of that path go (route.h), a relative one below the root of the RAM
+/// filesystem. The bytes written; -1 for a bad number, a null path or without memory, else the
+/// OVERLAY_ code.
 int timeline_export_recent(int tl_id, const char* path, int max_events);
+
+/// timeline_export_recent of all events.
+int timeline_export(int tl_id, const char* path);

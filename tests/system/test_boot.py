@@ -19,9 +19,10 @@ def test_start_reaches_the_prompt(machine, options):
     lines = boot_lines(one.wait_prompt())
     assert lines[0].startswith("Multiboot OK, info at 0x")
     steps = ["GDT", "IDT", "Interrupt controller", "PMM", "VMM", "Heap", "Causal event graph",
-             "Replay engine", "PCI bus scanned", "TSS", "PS/2 keyboard", "Task manager",
-             "RAM filesystem", "VirtIO block device", "VoFS persistent filesystem", "Timer",
-             "HW RNG", "Noise crypto", "System tasks", "Scheduler active"]
+             "Replay engine", "Timeline framework", "PCI bus scanned", "TSS", "PS/2 keyboard",
+             "Task manager", "RAM filesystem", "VirtIO block device",
+             "VoFS persistent filesystem", "Timer", "HW RNG", "Noise crypto", "System tasks",
+             "Scheduler active"]
     assert any(line.startswith("VirtIO block") for line in lines) == options.get("disk", True)
     assert [line for line in lines[1:] if "WARNING" not in line] == [
         line for step in steps for line in lines if line.startswith(step)]

@@ -9,12 +9,17 @@
 #include "kernel/apps/cmd_graph.h"
 #include "kernel/apps/cmd_schema.h"
 #include "kernel/apps/cmd_system.h"
+#include "kernel/apps/cmd_timeline.h"
+#include "kernel/apps/mail.h"
+#include "kernel/apps/notes.h"
 #include "kernel/apps/shell.h"
 #include "kernel/apps/vorsh.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/graph/causal.h"
+#include "kernel/graph/causal_persist.h"
 #include "kernel/graph/replay.h"
+#include "kernel/graph/timeline.h"
 
 namespace {
 
@@ -44,6 +49,17 @@ const command_t* find_command(const char* name) {
 
 bool is_recorded(std::string_view name) {
     return std::find(std::begin(UNRECORDED), std::end(UNRECORDED), name) == std::end(UNRECORDED);
+}
+
+/// The command's event stays current, also where the system's timeline notes it: it is the parent
+/// of what the command does.
+void record_command(const char* name) {
+    constexpr uint32_t COMMAND_NOTED = 0x50;
+    char desc[KPRINTF_BYTES];
+    ksprintf(desc, "cmd: %s", name);
+    const uint32_t id = causal_emit(CAUSAL_SHELL, "shell", desc, nullptr, 0);
+    if (timeline_emit(timeline_find("system"), COMMAND_NOTED, nullptr, 0, desc) != 0)
+        causal_set_current(id);
 }
 
 }  // namespace
@@ -119,8 +135,14 @@ constinit const command_t commands[] = {
     {"cdot", cmd_cdot},
     {"graph", cmd_graph},
     {"graph-health", cmd_graph_health},
+    {"rewind", cmd_rewind},
     {"replay", cmd_replay},
     {"orphans", cmd_orphans},
+    {"timeline", cmd_timeline},
+    {"tl", cmd_timeline},
+    {"mail", cmd_mail},
+    {"note", cmd_note},
+    {"proc", cmd_proc},
     {"crypto", cmd_crypto},
     {"hexdump", cmd_hexdump},
     {"random", cmd_random},
@@ -128,6 +150,8 @@ constinit const command_t commands[] = {
     {"dmesg", cmd_dmesg},
     {"heap", cmd_heap},
     {"memleak", cmd_memleak},
+    {"cflush", cmd_cflush},
+    {"crestore", cmd_crestore},
     {nullptr, nullptr},
 };
 
@@ -137,11 +161,8 @@ int dispatch(int argc, char** argv) {
     const command_t* command = find_command(argv[0]);
     if (command == nullptr)
         return 0;
-    if (is_recorded(command->name)) {
-        char desc[KPRINTF_BYTES];
-        ksprintf(desc, "cmd: %s", command->name);
-        causal_emit(CAUSAL_SHELL, "shell", desc, nullptr, 0);
-    }
+    if (is_recorded(command->name))
+        record_command(command->name);
     command->func(argc, argv);
     return 1;
 }

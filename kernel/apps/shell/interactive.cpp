@@ -9,12 +9,14 @@
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/keyboard.h"
 #include "kernel/fs/ramfs.h"
+#include "kernel/graph/timeline.h"
 
 char shell_cwd[SHELL_PATH_BYTES] = "/";
 char disk_cwd[SHELL_PATH_BYTES] = "/";
 
 namespace {
 
+constexpr const char* SHELL_TIMELINE = "shell/0";
 constexpr size_t PROMPT_BYTES = SHELL_PATH_BYTES + 16;
 
 history_t history GUARDED_BY(irq_mask);
@@ -56,6 +58,14 @@ void make_prompt(char (&prompt)[PROMPT_BYTES]) {
     ksnprintf(prompt, sizeof prompt, "vorn:%s$ ", shell_cwd);
 }
 
+/// The shells' timeline, unless a user has deleted it, keeps every line that is not empty.
+void note_line(const char* line) {
+    constexpr uint32_t LINE_NOTED = 0x60;
+    const auto len = static_cast<uint32_t>(strlen(line));
+    if (len > 0)
+        timeline_emit(timeline_find(SHELL_TIMELINE), LINE_NOTED, line, len + 1, "cmd");
+}
+
 void run_line(const char* line) {
     {
         irq_guard guard;
@@ -65,10 +75,11 @@ void run_line(const char* line) {
     char* argv[SHELL_ARGS_MAX];
     string_copy(words, line, sizeof words);
     const int argc = parse_args(words, argv);
-    if (argc == 0 || dispatch(argc, argv) != 0)
-        return;
-    kprintf("vorn: unknown command '%s' — type 'help'\n", argv[0]);
-    suggest_command(argv[0]);
+    if (argc != 0 && dispatch(argc, argv) == 0) {
+        kprintf("vorn: unknown command '%s' — type 'help'\n", argv[0]);
+        suggest_command(argv[0]);
+    }
+    note_line(line);
 }
 
 }  // namespace
@@ -108,6 +119,8 @@ void shell_read_line(const char* prompt, char* line) {
 }
 
 void shell_run(void) {
+    if (timeline_find(SHELL_TIMELINE) < 0 && timeline_create(SHELL_TIMELINE, "shell") >= 0)
+        kprintf("[shell] Timeline %s created\n", SHELL_TIMELINE);
     print_motd();
     kprintf("\n");
     char line[SHELL_LINE_BYTES];

@@ -65,7 +65,11 @@ void start_services() {
     check_off("RAM filesystem mounted at /");
     run_unseen({"mkdir /tmp/test", "write /tmp/test/hello.txt Hello, world!"});
     check_off("Initial filesystem populated");
+    if (smp_cpu_count() == 1)
+        run_unseen(
+            {"note add Hello from Vorn boot", "mail send admin Welcome First mail in Vorn!"});
     check_off("Causal event graph started");
+    check_off("Timeline framework initialized");
     run_unseen({"run /home/demo.sl"});
     check_off("Boot scripts executed");
     set_color(CONSOLE_WHITE);

@@ -65,6 +65,18 @@ size_t string_copy(char* dest, const char* src, size_t size) {
     return i;
 }
 
+void string_clean(char* dest, const void* field, size_t size) {
+    constexpr uint8_t FIRST_PRINTABLE = ' ';
+    constexpr uint8_t DELETE = 0x7F;
+    const auto* from = static_cast<const uint8_t*>(field);
+    size_t n = 0;
+    for (; n < size - 1 && from[n] != 0; ++n) {
+        const bool is_control = from[n] < FIRST_PRINTABLE || from[n] == DELETE;
+        dest[n] = static_cast<char>(is_control ? '?' : from[n]);
+    }
+    memset(dest + n, 0, size - n);
+}
+
 char* strcat(char* dest, const char* src) {
     strcpy(dest + strlen(dest), src);
     return dest;

@@ -5,6 +5,7 @@
 #include "kernel/core/interrupt.h"
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
+#include "kernel/graph/causal_persist.h"
 #include "kernel/graph/cjournal/internal.h"
 
 namespace {
@@ -163,6 +164,7 @@ void cjournal_task_fn() {
         cjournal_tick();
         if (hurry)
             task_set_priority(task_getpid(), TASK_PRIORITY);
+        causal_auto_flush();
         task_sleep(1);
     }
 }

@@ -7,6 +7,7 @@
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/dmesg.h"
 #include "kernel/fs/ramfs.h"
+#include "kernel/graph/timeline.h"
 #include "tests/machine/memory.h"
 #include "tests/unit/graph/causal_fixture.h"
 
@@ -47,6 +48,7 @@ protected:
         interrupt_init();
         task_init();
         fs_init();
+        timeline_init();
         shell_init();
         screen.clear();
         terminal = {};
@@ -150,7 +152,10 @@ TEST_F(Shell, HelpNamesTheCommands) {
 TEST_F(Shell, RunsASessionOnItsOwnTerminal) {
     const std::string prompt = "vorn:/$ ";
     const std::string empty = "\r" + prompt + "          \r" + prompt;
-    EXPECT_EQ(remote(""), "Try: programs, dmesg 5, events, status, showcase\n" + empty);
+    EXPECT_EQ(remote(""),
+              "[shell] Timeline shell/0 created\n"
+              "Try: programs, dmesg 5, events, status, showcase\n" +
+                  empty);
     remote("echo b\x82\x61\rhepl\n   \n");
     for (const std::string& part :
          {empty + "echo b\r" + prompt + "echo b          \r" + prompt + "echo \r" + prompt +
@@ -160,13 +165,47 @@ TEST_F(Shell, RunsASessionOnItsOwnTerminal) {
     EXPECT_EQ(terminal.shown.find('\x1b'), std::string::npos);
 }
 
+/// Sub-type, description and data of a timeline's newest event.
+std::string newest(const char* timeline) {
+    const timeline_t* tl = timeline_get(timeline_find(timeline));
+    const causal_event_t* ev = tl != nullptr ? causal_get(tl->head_id) : nullptr;
+    uint32_t sub_type;
+    const uint8_t* data;
+    uint16_t len;
+    if (!timeline_parse_payload(ev, &sub_type, &data, &len))
+        return "";
+    return std::to_string(sub_type) + " " + ev->desc + " " +
+           std::string(reinterpret_cast<const char*>(data), len);
+}
+
+TEST_F(Shell, TimelinesKeepCommandsAndLines) {
+    run_task();
+    timeline_create("system", "shell");
+    exec("echo a");
+    const uint32_t command = causal_get_current();
+    EXPECT_STREQ(causal_get(command)->desc, "cmd: echo");
+    EXPECT_EQ(newest("system"), "80 cmd: echo ");
+    remote("nothing \"like it\"\n   \n\n");
+    EXPECT_EQ(newest("shell/0"), std::string("96 cmd    \0", 11));
+    EXPECT_EQ(timeline_get(timeline_find("shell/0"))->event_count, 3u);
+    // Without the timeline nothing is emitted into another one that has got its slot.
+    const int old = timeline_find("shell/0");
+    timeline_destroy(old);
+    EXPECT_EQ(timeline_create("other", "test"), old);
+    terminal.typed = "tl\n";
+    for (int i = 0; i < 5; ++i)
+        schedule();
+    EXPECT_EQ(terminal.typed, "");
+    EXPECT_EQ(timeline_get(old)->event_count, 1u);
+}
+
 TEST_F(Shell, ExitEndsARemoteSessionOnlyAndOnlyOutputIsLogged) {
     EXPECT_EQ(exec("exit"), "exit: not a remote session\n");
     dmesg_init();
     remote("echo logged\nlogout\necho still here\n");
     char log[DMESG_BYTES];
     dmesg_read(log, sizeof log);
-    EXPECT_STREQ(log, "\nlogged\nlogout\n");
+    EXPECT_STREQ(log, "[shell] Timeline shell/0 created\n\nlogged\nlogout\n");
     EXPECT_NE(terminal.shown.find("logout\nlogout\n"), std::string::npos);
 }
 
