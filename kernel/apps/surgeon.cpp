@@ -6,7 +6,6 @@
 
 #include "arch/x86/cpu.h"
 #include "arch/x86/image.h"
-#include "arch/x86/ports.h"
 #include "arch/x86/tables.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/ksyms.h"
@@ -14,6 +13,7 @@
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
 #include "kernel/drivers/console.h"
+#include "kernel/drivers/keyboard_ports.h"
 #include "kernel/graph/causal.h"
 
 namespace {
@@ -27,15 +27,6 @@ constexpr uint32_t CR0_PAGING = 1u << 31;
 constexpr size_t LINE_BYTES = 32;
 constexpr size_t NAME_BYTES = 32;
 constexpr int STALE_INPUT = 256;  // more than the controllers' buffers hold
-
-constexpr uint16_t COM1_DATA = 0x3F8;
-constexpr uint16_t COM1_STATUS = 0x3FD;
-constexpr uint8_t COM1_RECEIVED = 0x01;
-constexpr uint16_t PS2_DATA = 0x60;
-constexpr uint16_t PS2_STATUS = 0x64;
-constexpr uint8_t PS2_RECEIVED = 0x01;
-constexpr uint8_t PS2_FROM_MOUSE = 0x20;
-constexpr uint8_t NO_DEVICE = 0xFF;
 
 // Scan code set 1 without shift, which no command needs: the key of '/' counts as '?'. Behind the
 // prefix E0 the keypad's Enter and '/' have the codes of their twins, the rest have no character.
@@ -304,22 +295,15 @@ void take_console() {
 }
 
 /// A character if the serial line has one, else '\0'.
-char poll_serial() {
-    const uint8_t status = inb(COM1_STATUS);
-    if (status == NO_DEVICE || (status & COM1_RECEIVED) == 0)
-        return '\0';
-    return static_cast<char>(inb(COM1_DATA));
-}
+char poll_serial() { return serial_has_byte() ? static_cast<char>(inb(SERIAL_DATA)) : '\0'; }
 
 /// A character if a key went down that makes one, else '\0'.
 char poll_keyboard() {
-    const uint8_t status = inb(PS2_STATUS);
-    if (status == NO_DEVICE || (status & PS2_RECEIVED) == 0)
+    const bool from_mouse = (inb(KBC_STATUS) & KBC_FROM_MOUSE) != 0;
+    if (!kbc_has_byte())
         return '\0';
-    const uint8_t code = inb(PS2_DATA);
-    if ((status & PS2_FROM_MOUSE) != 0)
-        return '\0';
-    return code < sizeof KEYS ? KEYS[code] : '\0';
+    const uint8_t code = inb(KBC_DATA);
+    return !from_mouse && code < sizeof KEYS ? KEYS[code] : '\0';
 }
 
 char wait_key() {

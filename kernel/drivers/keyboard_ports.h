@@ -10,6 +10,7 @@ constexpr uint16_t KBC_DATA = 0x60;
 constexpr uint16_t KBC_STATUS = 0x64;  ///< written: commands
 constexpr uint8_t KBC_OUTPUT_FULL = 0x01;
 constexpr uint8_t KBC_INPUT_FULL = 0x02;
+constexpr uint8_t KBC_FROM_MOUSE = 0x20;
 
 constexpr uint16_t SERIAL_DATA = 0x3F8;
 constexpr uint16_t SERIAL_INTERRUPTS = 0x3F9;

@@ -1,6 +1,7 @@
 #include "kernel/graph/causal_schema.h"
 
 #include "kernel/core/string.h"
+#include "kernel/core/string/words.h"
 
 namespace {
 
@@ -44,10 +45,6 @@ constexpr uint32_t four(const char (&s)[5]) {
     return static_cast<uint32_t>(s[0]) | static_cast<uint32_t>(s[1]) << 8 |
            static_cast<uint32_t>(s[2]) << 16 | static_cast<uint32_t>(s[3]) << 24;
 }
-
-struct [[gnu::packed, gnu::may_alias]] text_word_t {
-    uint32_t bits;
-};
 
 /// Word `i` of `text`.
 inline uint32_t word_at(const char* text, uint32_t i) {
@@ -98,9 +95,6 @@ topic_t topic_of_subsystem(const char s[CAUSAL_SUBSYSTEM_SIZE]) {
     return s[0] == 't' && s[1] == 'l' && ends(2) ? TOPIC_TIMELINE : TOPIC_OTHER;
 }
 
-constexpr uint32_t LOW_BITS = 0x01010101;
-constexpr uint32_t HIGH_BITS = 0x80808080;
-
 /// A description: `len` characters in a zero-filled field of CAUSAL_DESC_SIZE bytes.
 struct desc_t {
     const char* text;
@@ -116,7 +110,7 @@ template <uint32_t size>
 
 /// Bit 7 of each byte of `bits` that is `c`, and perhaps of some that are not.
 inline uint32_t maybe(uint32_t bits, char c) {
-    return ((bits ^ static_cast<uint8_t>(c) * LOW_BITS) - LOW_BITS) & HIGH_BITS;
+    return ((bits ^ word_of(static_cast<uint8_t>(c))) - WORD_LOW_BITS) & WORD_HIGH_BITS;
 }
 
 /// Whether `word` stands anywhere. Every event of the scheduler and the file systems is searched,

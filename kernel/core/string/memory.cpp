@@ -4,6 +4,7 @@
 
 #include "arch/x86/cpu.h"
 #include "kernel/core/string.h"
+#include "kernel/core/string/words.h"
 
 namespace {
 
@@ -62,7 +63,7 @@ void copy_backwards(uint8_t* to, const uint8_t* from, size_t n) {
 
 void* memset(void* s, int c, size_t n) {
     auto* to = static_cast<uint8_t*>(s);
-    const uint32_t word = static_cast<uint8_t>(c) * 0x01010101u;
+    const uint32_t word = word_of(static_cast<uint8_t>(c));
     if (n < REP_FROM) {
         fill_short(to, word, n);
         return s;

@@ -7,6 +7,7 @@
 #include "kernel/core/interrupt.h"
 #include "kernel/core/running.h"
 #include "kernel/core/string.h"
+#include "kernel/core/string/words.h"
 #include "kernel/graph/causal/store.h"
 #include "kernel/graph/causal_schema.h"
 
@@ -27,14 +28,7 @@ struct draft_t {
     const uint32_t* origin;
 };
 
-/// A word of text at any address.
-struct [[gnu::packed, gnu::may_alias]] text_word_t {
-    uint32_t bits;
-};
-
 constexpr uint32_t PAGE = 4096;
-constexpr uint32_t LOW_BITS = 0x01010101;
-constexpr uint32_t HIGH_BITS = 0x80808080;
 
 /// The byte-wise way of put_text, for a text near the end of a page.
 template <uint32_t size>
@@ -60,9 +54,9 @@ __attribute__((no_sanitize_address)) uint32_t put_text(char (&field)[size], cons
 #pragma GCC unroll 20
     for (uint32_t i = 0; i < size / 4; i++) {
         const uint32_t word = in[i].bits;
-        if (((word - LOW_BITS) & HIGH_BITS) != 0) {
+        if (((word - WORD_LOW_BITS) & WORD_HIGH_BITS) != 0) {
             // A zero byte, or one above 0x80. Bit 7 of each zero byte, exact up to the lowest:
-            const uint32_t zeros = (word - LOW_BITS) & ~word & HIGH_BITS;
+            const uint32_t zeros = (word - WORD_LOW_BITS) & ~word & WORD_HIGH_BITS;
             if (zeros != 0) {
                 out[i].bits = word & ((zeros ^ (zeros - 1)) >> 8);
                 return 4 * i + static_cast<uint32_t>(__builtin_ctz(zeros)) / 8;
