@@ -225,6 +225,7 @@ void kernel_shutdown(bool reboot) {
     // Whoever comes second waits for the first to end the machine.
     while (__atomic_exchange_n(&begun, true, __ATOMIC_SEQ_CST))
         task_block(task_current());
+    console_force_local();
     const char* word = reboot ? "reboot" : "halt";
     kprintf("[shutdown] Initiating %s...\n", word);
     causal_event_fmt(CAUSAL_SCHED, "kernel", "shutdown type=%s", word);

@@ -13,11 +13,20 @@ bool take_path(const arguments_t& arguments, std::string* path, struct sys_stat*
     return make_path(arguments.empty() ? "/" : arguments[0], path) && find_entry(*path, stat);
 }
 
+/// A name as a terminal may see it: no byte of it is a command.
+std::string shown(std::string name) {
+    for (char& c : name) {
+        if (static_cast<unsigned char>(c) < ' ' || c == 127)
+            c = '?';
+    }
+    return name;
+}
+
 void print_entry(const std::string& name, const struct sys_stat& stat, bool details) {
     if (details)
         printf("%c %s %8u %10u  ", is_directory(stat) ? 'd' : '-',
                (stat.flags & BLOCKFS_READ_ONLY) != 0 ? "ro" : "rw", stat.size, stat.mtime_ticks);
-    printf("%s%s\n", name.c_str(), is_directory(stat) && name != "/" ? "/" : "");
+    printf("%s%s\n", shown(name).c_str(), is_directory(stat) && name != "/" ? "/" : "");
 }
 
 struct count_t {
@@ -33,7 +42,7 @@ void draw(const std::string& path, const std::string& indent, count_t* count) {
         struct sys_stat stat;
         if (!find_entry(below, &stat))
             continue;
-        printf("%s%s%s%s\n", indent.c_str(), last ? "`-- " : "|-- ", names[i].c_str(),
+        printf("%s%s%s%s\n", indent.c_str(), last ? "`-- " : "|-- ", shown(names[i]).c_str(),
                is_directory(stat) ? "/" : "");
         ++(is_directory(stat) ? count->directories : count->files);
         if (is_directory(stat))
