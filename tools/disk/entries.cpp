@@ -40,8 +40,11 @@ void draw(const std::string& path, const std::string& indent, count_t* count) {
         const bool last = i + 1 == names.size();
         const std::string below = path_in(path, names[i]);
         struct sys_stat stat;
-        if (!find_entry(below, &stat))
+        // A damaged name with a "/" would lead elsewhere.
+        if (names[i].find('/') != std::string::npos || blockfs_stat(below.c_str(), &stat) != 0) {
+            complain(shown(below) + ": cannot be read");
             continue;
+        }
         printf("%s%s%s%s\n", indent.c_str(), last ? "`-- " : "|-- ", shown(names[i]).c_str(),
                is_directory(stat) ? "/" : "");
         ++(is_directory(stat) ? count->directories : count->files);

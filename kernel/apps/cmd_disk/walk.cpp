@@ -50,6 +50,7 @@ bool copy_names(const char* text, uint32_t count, disk_listing_t* listing) {
 /// A directory that the walk is in.
 struct level_t {
     level_t* up;
+    size_t length;  ///< of its path
     disk_listing_t listing;
     uint32_t next;  ///< name
     struct sys_stat stat;
@@ -70,10 +71,10 @@ void visit(const walk_t& walk, uint32_t depth, bool last, bool leaving, uint32_t
     walk.visit({&walk.entry, depth, last, leaving, blocks}, walk.context);
 }
 
-/// The entry at hand is its directory again.
+/// The path at hand is again that of the directory that the walk is in.
 void cut(walk_t* walk) {
-    char* slash = strrchr(walk->entry.path, '/');
-    slash[slash == walk->entry.path ? 1 : 0] = '\0';
+    if (walk->top != nullptr)
+        walk->entry.path[walk->top->length] = '\0';
 }
 
 /// Enters the directory at hand; false after a line when there is no memory.
@@ -83,8 +84,8 @@ bool enter(walk_t* walk, bool last) {
         disk_complain(walk->command, walk->entry.path, "no memory");
         return false;
     }
-    auto* level = new (block) level_t{walk->top, {}, 0, walk->entry.stat, 0, last};
-    level->blocks = walk->entry.stat.blocks;
+    auto* level = new (block) level_t{walk->top,        strlen(walk->entry.path), {},  0,
+                                      walk->entry.stat, walk->entry.stat.blocks,  last};
     if (!disk_list(walk->command, walk->entry.path, &level->listing))
         level->listing.count = 0;
     walk->top = level;
@@ -106,20 +107,19 @@ void leave(walk_t* walk) {
     kfree(level);
 }
 
-/// Makes the next name of the directory the entry at hand; false when it cannot be looked at.
+/// Makes the next name of the directory the entry at hand; false when it cannot be looked at. A
+/// damaged name with a "/" would lead elsewhere.
 bool step(walk_t* walk, const char* name) {
-    const size_t length = strlen(walk->entry.path);
-    const char* between = strcmp(walk->entry.path, "/") == 0 ? "" : "/";
-    char* end = walk->entry.path + length;
+    const size_t length = walk->top->length;
+    const char* between = length == 1 ? "" : "/";
     const size_t room = sizeof walk->entry.path - length;
-    if (strlen(between) + strlen(name) >= room || walk->depth >= DISK_DEPTH_MAX) {
-        disk_complain(walk->command, name, "its path is too long");
-        return false;
-    }
-    ksnprintf(end, room, "%s%s", between, name);
-    if (blockfs_stat(walk->entry.path, &walk->entry.stat) == 0)
+    const bool fits = strlen(between) + strlen(name) < room && walk->depth < DISK_DEPTH_MAX;
+    if (fits)
+        ksnprintf(walk->entry.path + length, room, "%s%s", between, name);
+    if (fits && strchr(name, '/') == nullptr &&
+        blockfs_stat(walk->entry.path, &walk->entry.stat) == 0)
         return true;
-    disk_complain(walk->command, walk->entry.path, "cannot be read");
+    disk_complain(walk->command, name, fits ? "cannot be read" : "its path is too long");
     cut(walk);
     return false;
 }

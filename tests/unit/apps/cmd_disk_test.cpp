@@ -211,6 +211,19 @@ TEST_F(CmdDisk, WalkAsDeepAsPathsGoAndFillDirectories) {
     EXPECT_EQ(run("diskrm -r d"), "");
 }
 
+TEST_F(CmdDisk, AreNotLedAstrayByDamagedNames) {
+    run_all({"diskmkdir -p d/e/f", "disktouch d/g d/e/h d/e/f/i"});
+    const char* const names[] = {"d", "e/f", "..", "g\ng", "h", ""};
+    for (uint32_t n = 1; n <= 6; ++n) {
+        vofs_inode one = inode(n);
+        strcpy(one.name, names[n - 1]);
+        put_inode(n, one);
+    }
+    ASSERT_EQ(mount(), 0);
+    for (const char* line : {"disktree", "diskdu", "diskfind / g", "diskrgrep x", "diskls -l d"})
+        EXPECT_LT(std::ranges::count(run(line), '\n'), 12) << line;
+}
+
 TEST_F(CmdDisk, ReportADiskThatFailsAtAnyRequest) {
     run_all({"diskfill a 20000", "diskmkdir d"});
     constexpr const char* LINES[] = {"diskcat a",       "diskcp a d", "diskgrep -c V a",
