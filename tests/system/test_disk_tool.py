@@ -94,8 +94,8 @@ def test_what_cannot_be_done_leaves_the_image_as_it_was(image, tmp_path):
         image.run(*words, status=1, data=b"")
     image.run("put", "-", "/f", data=bytes(742 * SECTOR), status=1)
     image.run("put", "-", "/g", data=bytes(FILE_MAX + 1), status=1)
-    for words in ([], ["lss"], ["get"], ["put", "-"], ["rm"], ["mkfs", "1T"], ["fsck", "now"],
-                  ["df", "x"], ["ls", "a", "b"]):
+    for words in ([], ["lss"], ["get"], ["put", "-"], ["rm"], ["fsck", "now"], ["df", "x"],
+                  ["ls", "a", "b"], ["mkfs", "1T"], ["mkfs", "99999999999G"]):
         image.run(*words, status=2)
     image.run("get", "/f", "-", status=1, shell='"$@" >/dev/full')
     assert image.digest() == before
@@ -106,6 +106,10 @@ def test_what_cannot_be_done_leaves_the_image_as_it_was(image, tmp_path):
     assert image.run("get", "/f", "-") == b"y" * 720 * SECTOR
     image.run("mkfs", "--force")
     assert image.text("ls") == ""
+    # What another filesystem may have left is not overwritten unasked.
+    image.path.write_bytes(bytes(1080) + b"\x53\xef" + bytes(1 << 20))
+    image.run("mkfs", status=1)
+    image.run("mkfs", "--force")
 
 
 def test_a_full_host_filesystem_leaves_the_image_as_it_was(tmp_path):

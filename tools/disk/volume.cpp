@@ -82,6 +82,7 @@ constexpr uint64_t KILO = 1024;
 
 /// Reads a size such as "64M", "4G" or "1000s"; 0 when it is none.
 uint64_t parse_size(const std::string& text) {
+    constexpr uint64_t BYTES_MAX = uint64_t{1} << 50;
     size_t digits = 0;
     uint64_t value = 0;
     while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9' && digits < 15)
@@ -89,16 +90,30 @@ uint64_t parse_size(const std::string& text) {
     const std::string unit = text.substr(digits);
     if (digits == 0)
         return 0;
-    if (unit.empty())
-        return value;
+    uint64_t scale = 1;
     if (unit == "s")
-        return value * BLOCKFS_BLOCK_BYTES;
-    const size_t power = std::string("KMG").find(unit);
-    if (unit.size() != 1 || power == std::string::npos)
+        scale = BLOCKFS_BLOCK_BYTES;
+    else if (unit == "K")
+        scale = KILO;
+    else if (unit == "M")
+        scale = KILO * KILO;
+    else if (unit == "G")
+        scale = KILO * KILO * KILO;
+    else if (!unit.empty())
         return 0;
-    for (size_t i = 0; i <= power; ++i)
-        value *= KILO;
-    return value;
+    return value <= BYTES_MAX / scale ? value * scale : 0;
+}
+
+/// Whether the image holds nothing where filesystems begin.
+bool is_blank() {
+    constexpr uint64_t SECTORS = 128;
+    for (uint64_t sector = 0; sector < SECTORS && sector < image_sectors(); ++sector) {
+        uint8_t data[VOFS_SECTOR];
+        if (!image_sector(sector, data) ||
+            std::any_of(data, data + sizeof data, [](uint8_t byte) { return byte != 0; }))
+            return false;
+    }
+    return true;
 }
 
 /// Formats the open image.
@@ -118,8 +133,9 @@ int format_existing(const std::string& image, uint64_t bytes, bool force) {
     if (bytes != 0 && bytes / BLOCKFS_BLOCK_BYTES != image_sectors())
         return complain(image + ": exists and has " + std::to_string(image_sectors()) +
                         " sectors; remove it for another size");
-    if (holds_volume() && !force)
-        return complain(image + ": holds a volume already (--force makes a new one)");
+    if (!force && !is_blank())
+        return complain(image + ": holds " + (holds_volume() ? "a volume" : "something") +
+                        " already (--force makes a new volume)");
     return format_open();
 }
 
