@@ -95,7 +95,7 @@ bool write_runs_locked(const import_t& import) REQUIRES(cjournal_lock) {
         const uint32_t segment = cjournal.segments_written + 1;
         if (segment == 0 || write_segment_locked(segment, draft.get(), CJOURNAL_FLAG_IMPORTED) != 0)
             return false;
-        cjournal_add_draft_locked(segment, draft.get(), CJOURNAL_FLAG_IMPORTED, false);
+        index_add_segment_locked(segment, draft.get(), CJOURNAL_FLAG_IMPORTED);
         at += draft->count;
     }
     return at == import.count && save_index_file_locked() == 0;

@@ -1,4 +1,5 @@
 // The index: entries in memory, the file they are saved in, and the way back from the segments.
+#include "kernel/core/assert.h"
 #include "kernel/core/string.h"
 #include "kernel/fs/blockfs.h"
 #include "kernel/graph/cjournal/internal.h"
@@ -93,8 +94,9 @@ void rebuild_entry_locked(uint32_t segment, cjournal_event_t* records) REQUIRES(
     cjournal_header_t header;
     if (read_segment_header_locked(segment, &header) != 0)
         return;
-    if (cjournal.index_count == static_cast<int32_t>(CJOURNAL_SEGMENTS_MAX))
-        delete_oldest_segment_locked();
+    if (cjournal.index_count == static_cast<int32_t>(CJOURNAL_SEGMENTS_MAX) &&
+        !delete_oldest_segment_locked())
+        return;
     cjournal_entry_t* entry = &cjournal.index[cjournal.index_count++];
     *entry = {};
     entry->segment_num = segment;
@@ -189,35 +191,25 @@ bool cjournal_load_index_locked() {
     return true;
 }
 
-cjournal_entry_t* index_add_segment_locked(uint32_t segment, const cjournal_header_t& header,
-                                           const cjournal_stats_t& stats, uint32_t flags,
-                                           bool advance_cursor) {
-    apply_retention_limit_locked(true);
+void index_add_segment_locked(uint32_t segment, cjournal_draft_t* draft, uint32_t flags) {
+    KASSERT(cjournal.index_count < static_cast<int32_t>(CJOURNAL_SEGMENTS_MAX));
     cjournal_entry_t* entry = &cjournal.index[cjournal.index_count++];
+    cjournal_stats_t stats;
+    segment_events_index_stats({draft->records(), draft->count}, &stats);
     *entry = {};
     entry->segment_num = segment;
-    enter_header(header, entry);
+    enter_header(*draft->header(), entry);
     enter_stats(stats, entry);
     entry->flags = flags;
     entry->hash_version = CAUSAL_HASH_VERSION;
-    cjournal_root_summary_locked(entry);
-    entry->active = true;
-    cjournal.events_spilled += header.event_count;
-    if (advance_cursor)
-        raise(&cjournal.last_spilled_id, header.last_id);
-    raise(&cjournal.segments_written, segment);
-    return entry;
-}
-
-cjournal_entry_t* cjournal_add_draft_locked(uint32_t segment, cjournal_draft_t* draft,
-                                            uint32_t flags, bool advance_cursor) {
-    cjournal_stats_t stats;
-    segment_events_index_stats({draft->records(), draft->count}, &stats);
-    cjournal_entry_t* entry =
-        index_add_segment_locked(segment, *draft->header(), stats, flags, advance_cursor);
     entry->hash_first_prefix = cjournal_hash_prefix(draft->first_hash);
     entry->hash_first_valid = true;
-    return entry;
+    entry->root_hash_version = CAUSAL_HASH_VERSION;
+    entry->root_prefix = cjournal_hash_prefix(draft->root.root);
+    entry->root_valid = true;
+    entry->active = true;
+    cjournal.events_spilled += draft->count;
+    raise(&cjournal.segments_written, segment);
 }
 
 int rebuild_index_locked() {

@@ -148,7 +148,11 @@ void cjournal_make_companions(uint32_t segment, cjournal_draft_t* draft);
 [[nodiscard]] int cjournal_write_companions_locked(uint32_t segment, cjournal_draft_t* draft)
     REQUIRES(cjournal_lock);
 
-/// Removes segment file, sidecar and root, in this order; false when one of them is still there.
+/// The segment's file is in the directory.
+[[nodiscard]] bool cjournal_segment_exists(uint32_t segment);
+
+/// Removes segment file, sidecar and root, in this order, as far as that succeeds; false when one
+/// of them is still there.
 bool cjournal_remove_segment_locked(uint32_t segment) REQUIRES(cjournal_lock);
 bool cjournal_remove_companions_locked(uint32_t segment) REQUIRES(cjournal_lock);
 
@@ -157,15 +161,9 @@ bool cjournal_remove_companions_locked(uint32_t segment) REQUIRES(cjournal_lock)
 /// Writes the index file; 0, or -1 (index_file_valid then is false).
 int save_index_file_locked() REQUIRES(cjournal_lock);
 
-/// Adds the entry of a segment: room is made first, companions' summaries are read, events_spilled
-/// and segments_written follow; `advance_cursor` raises last_spilled_id to its last identifier.
-cjournal_entry_t* index_add_segment_locked(uint32_t segment, const cjournal_header_t& header,
-                                           const cjournal_stats_t& stats, uint32_t flags,
-                                           bool advance_cursor) REQUIRES(cjournal_lock);
-
-/// The entry of the draft's segment, just written: what is known of it is not read again.
-cjournal_entry_t* cjournal_add_draft_locked(uint32_t segment, cjournal_draft_t* draft,
-                                            uint32_t flags, bool advance_cursor)
+/// Adds the entry of the draft's segment, just written, for which there must be room.
+/// events_spilled and segments_written follow; last_spilled_id is the regular spill's business.
+void index_add_segment_locked(uint32_t segment, cjournal_draft_t* draft, uint32_t flags)
     REQUIRES(cjournal_lock);
 
 /// Reads the index file: false unless it is a valid one. Takes a heap block for the entries.
@@ -191,11 +189,13 @@ int rebuild_index_locked() REQUIRES(cjournal_lock);
 int cjournal_set_retention(uint32_t max_segments, uint32_t max_kb) EXCLUDES(cjournal_lock);
 
 /// Evicts the oldest segments until the limits hold; with room for one more if `reserve_slot`.
-void apply_retention_limit_locked(bool reserve_slot) REQUIRES(cjournal_lock);
+/// False when one of them could not be removed.
+bool apply_retention_limit_locked(bool reserve_slot) REQUIRES(cjournal_lock);
 
-/// Evicts the segment with the smallest first identifier. Records "evict %u %s" with its number and
-/// root (79 characters), and both in the payload, before anything is removed.
-void delete_oldest_segment_locked() REQUIRES(cjournal_lock);
+/// Evicts the segment with the smallest first identifier; false, with its entry in place, when its
+/// file could not be removed. Records "evict %u %s" with its number and root (79 characters), and
+/// both in the payload, before anything is removed.
+bool delete_oldest_segment_locked() REQUIRES(cjournal_lock);
 
 // --- recover -------------------------------------------------------------------------------------
 

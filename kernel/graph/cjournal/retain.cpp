@@ -76,29 +76,33 @@ uint32_t cjournal_indexed_kb_locked() {
     return cjournal_indexed_events_locked() * CJOURNAL_EVENT_SIZE / BYTES_PER_KB;
 }
 
-void delete_oldest_segment_locked() {
+bool delete_oldest_segment_locked() {
     if (cjournal.index_count == 0)
-        return;
+        return false;
     const int32_t at = oldest_entry_locked();
     const uint32_t segment = cjournal.index[at].segment_num;
     const uint32_t events = cjournal.index[at].event_count;
     record_eviction_locked(segment);
-    cjournal_remove_segment_locked(segment);
+    if (!cjournal_remove_segment_locked(segment) && cjournal_segment_exists(segment))
+        return false;
     remove_old_signature(segment);
     cjournal.index_count--;
     memmove(&cjournal.index[at], &cjournal.index[at + 1],
             static_cast<size_t>(cjournal.index_count - at) * sizeof cjournal.index[0]);
     cjournal.index[cjournal.index_count] = {};
     cjournal.events_spilled -= events < cjournal.events_spilled ? events : cjournal.events_spilled;
+    return true;
 }
 
-void apply_retention_limit_locked(bool reserve_slot) {
+bool apply_retention_limit_locked(bool reserve_slot) {
     const auto target =
         static_cast<int32_t>(cjournal_writer.retention_max_segments) - (reserve_slot ? 1 : 0);
-    while (cjournal.index_count > (target > 0 ? target : 0))
-        delete_oldest_segment_locked();
-    while (cjournal.index_count > 1 && over_byte_limit_locked())
-        delete_oldest_segment_locked();
+    while (cjournal.index_count > (target > 0 ? target : 0) ||
+           (cjournal.index_count > 1 && over_byte_limit_locked())) {
+        if (!delete_oldest_segment_locked())
+            return false;
+    }
+    return true;
 }
 
 int cjournal_set_retention(uint32_t max_segments, uint32_t max_kb) {
@@ -107,6 +111,6 @@ int cjournal_set_retention(uint32_t max_segments, uint32_t max_kb) {
     cjournal_writer.retention_max_kb = max_kb;
     if (!cjournal_running_locked())
         return -1;
-    apply_retention_limit_locked(false);
-    return save_index_file_locked();
+    const bool applied = apply_retention_limit_locked(false);
+    return save_index_file_locked() == 0 && applied ? 0 : -1;
 }

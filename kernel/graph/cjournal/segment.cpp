@@ -80,11 +80,17 @@ int write_segment_locked(uint32_t segment, cjournal_draft_t* draft, uint32_t fla
     return 0;
 }
 
+bool cjournal_segment_exists(uint32_t segment) {
+    char path[CJOURNAL_PATH_SIZE];
+    cjournal_path(segment, cjournal_file_t::segment, path);
+    return blockfs_resolve(path) >= 0;
+}
+
 bool cjournal_remove_segment_locked(uint32_t segment) {
     if (cjournal_writer.tail_segment == segment)
         cjournal_writer.tail_segment = 0;
-    const bool gone = remove_file(segment, cjournal_file_t::segment);
-    return cjournal_remove_companions_locked(segment) && gone;
+    return remove_file(segment, cjournal_file_t::segment) &&
+           cjournal_remove_companions_locked(segment);
 }
 
 bool cjournal_remove_companions_locked(uint32_t segment) {

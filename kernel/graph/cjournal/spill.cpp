@@ -50,13 +50,14 @@ void fill_draft_locked(cjournal_draft_t* draft, uint32_t limit, uint32_t end)
         record_lost_locked(start, first - 1);
 }
 
-/// Writes the draft as the next segment and enters it; false when it cannot be written.
-bool spill_draft_locked(cjournal_draft_t* draft) REQUIRES(cjournal_lock) {
+/// Makes room, writes the draft as the next segment and enters it; false when one of it fails. Room
+/// comes first: on a full volume it is what makes the write possible.
+bool append_draft_locked(cjournal_draft_t* draft) REQUIRES(cjournal_lock) {
     const uint32_t segment = cjournal.segments_written + 1;
-    if (segment == 0 || write_segment_locked(segment, draft, 0) != 0)
+    if (segment == 0 || !apply_retention_limit_locked(true) ||
+        write_segment_locked(segment, draft, 0) != 0)
         return false;
-    cjournal_add_draft_locked(segment, draft, 0, false);
-    cjournal.last_spilled_id = draft->header()->last_id;
+    index_add_segment_locked(segment, draft, 0);
     return true;
 }
 
@@ -117,8 +118,9 @@ int cjournal_spill_locked(uint32_t count) {
     uint32_t written = 0;
     while (written < count) {
         fill_draft_locked(draft.get(), smaller(count - written, CJOURNAL_SEGMENT_EVENTS), end);
-        if (draft->count == 0 || !spill_draft_locked(draft.get()))
+        if (draft->count == 0 || !append_draft_locked(draft.get()))
             break;
+        cjournal.last_spilled_id = draft->header()->last_id;
         written += draft->count;
     }
     if (written == 0)
@@ -182,10 +184,8 @@ int cjournal_spill_through(uint32_t event_id) {
     if (!draft || !cjournal_ring_record(event_id, draft->records()))
         return -1;
     draft->count = 1;
-    const uint32_t segment = cjournal.segments_written + 1;
-    if (segment == 0 || write_segment_locked(segment, draft.get(), 0) != 0)
+    if (!append_draft_locked(draft.get()))
         return -1;
-    cjournal_add_draft_locked(segment, draft.get(), 0, false);
     if (save_index_file_locked() == 0)
         cjournal_writer.index_source = "live";
     return 1;

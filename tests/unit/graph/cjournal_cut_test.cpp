@@ -1,0 +1,203 @@
+// The power fails at any sector write of what the journal does, requests and allocations fail one
+// after the other: what is on disk afterwards is a sound journal, and it goes on.
+#include "kernel/graph/cjournal/internal.h"
+#include "tests/unit/graph/journal.h"
+
+namespace {
+
+class JournalCut : public JournalVolume {
+protected:
+    void SetUp() override {
+        JournalVolume::SetUp();
+        boot();
+    }
+
+    /// Does `work`, then cuts the power after each of its sector writes; `check` is called after
+    /// the next boot.
+    void cut(
+        const char* what, const std::function<void()>& work,
+        const std::function<void()>& check = [] {}) {
+        const disk_image before = m.disk.image;
+        m.disk.start_log();
+        work();
+        const write_log_t log = m.disk.writes;
+        const disk_image after = m.disk.image;
+        for (size_t at = 0; at <= log.size() && !HasFailure(); ++at, ++cuts) {
+            SCOPED_TRACE(testing::Message() << what << " cut after " << at);
+            m.disk.image = before;
+            m.disk.image.apply(log, at);
+            boot();
+            EXPECT_EQ(machine_texts().find("ERROR"), std::string::npos) << machine_texts();
+            judge();
+            check();
+        }
+        m.disk.image = after;
+        boot();
+        judge();
+    }
+    size_t cuts = 0;
+
+    /// What is archived stays so, and this boot's events follow it.
+    static void spill_again() {
+        const uint32_t base = causal_numbering_base();
+        EXPECT_GT(cjournal_shutdown(), 0);
+        const auto all = judge();
+        EXPECT_EQ(all.back().header.first_id, base + 1);
+    }
+};
+
+TEST_F(JournalCut, SpillsOfOneAndOfSeveralSegments) {
+    cut(
+        "the first spill", [] { cjournal_spill(1); }, spill_again);
+    wait_for(1026);
+    cut("two full segments and one", [] { cjournal_spill(1025); });
+    const uint32_t archived = cjournal_state()->last_spilled_id;
+    wait_for(10);
+    cut(
+        "a single event ahead", [] { cjournal_spill_through(causal_total_events()); },
+        [=] { EXPECT_GE(causal_numbering_base(), archived); });
+    RecordProperty("cuts", static_cast<int>(cuts));
+}
+
+TEST_F(JournalCut, EvictionIndexKeyAndSignatures) {
+    wait_for(60);
+    for (int i = 0; i < 3; i++)
+        cjournal_spill(15);
+    cut("eviction", [] {
+        cjournal_set_retention(2, 0);
+        cjournal_spill(5);
+    });
+    cut(
+        "rebuilding",
+        [] {
+            blockfs_remove(CJOURNAL_INDEX_PATH);
+            cjournal_rebuild_index();
+        },
+        [] { EXPECT_EQ(cjournal_state()->index_count, 2); });
+    cut(
+        "signing", [] { cjournal_sign_all(); },
+        [] {
+            const size_t key = read(CJOURNAL_KEY_PATH).size();
+            EXPECT_TRUE(key == 32 || !exists(CJOURNAL_KEY_PATH));
+            for (uint32_t n = 1; n <= cjournal_state()->segments_written; n++) {
+                const std::string name = path(n, cjournal_file_t::signature);
+                EXPECT_TRUE(!exists(name) || (key == 32 && read(name.c_str()).size() == 64));
+            }
+        });
+}
+
+TEST_F(JournalCut, AnImportHappensWhollyOrNotAtAll) {
+    wait_for(20);
+    cjournal_spill(10);
+    bytes_t file(24 + 3 * 138);
+    const persist_header_t header = {CJOURNAL_SNAPSHOT_MAGIC, 1, 3, 1, 1};
+    memcpy(file.data(), &header, sizeof header);
+    for (uint32_t i = 0; i < 3; i++) {
+        persist_event_t record = {};
+        record.id = 70 + i;
+        record.lamport = 9 - i;
+        memcpy(&file[24 + i * 138], &record, sizeof record);
+    }
+    write(CJOURNAL_SNAPSHOT_PATH, file);
+    cut(
+        "import", [] { EXPECT_EQ(cjournal_import_legacy(), 3); },
+        [] {
+            const int32_t count = cjournal_state()->index_count;
+            EXPECT_TRUE(count == 1 || count == 4) << count;
+            const int again = cjournal_import_legacy();
+            EXPECT_TRUE(again == 3 || (again == 0 && exists(CJOURNAL_MIGRATED_PATH))) << again;
+            EXPECT_EQ(judge().size(), 4u);
+        });
+}
+
+TEST_F(JournalCut, WhatIsLeftWithoutAnIndexIsCompletedOrRemoved) {
+    wait_for(80);
+    for (int i = 0; i < 4; i++)
+        cjournal_spill(10);
+    const bytes_t stale = read(path(3).c_str());
+    const bytes_t index = read(CJOURNAL_INDEX_PATH);
+    const auto remove = [](uint32_t n, cjournal_file_t file) {
+        EXPECT_EQ(blockfs_remove(path(n, file).c_str()), 0);
+    };
+    for (const bool indexed : {false, true}) {
+        SCOPED_TRACE(indexed);
+        wait_for(20);
+        const uint32_t next = cjournal_state()->segments_written + 1;
+        cjournal_spill(10);
+        const uint32_t archived = cjournal_state()->last_spilled_id;
+        // The newest lacks its companions; behind it lie one that was overtaken and a companion.
+        remove(next, cjournal_file_t::sidecar);
+        remove(next, cjournal_file_t::root);
+        bytes_t old = stale;
+        const uint32_t number = next + 1;
+        memcpy(&old[old.size() - 40], &number, 4);
+        write(path(number).c_str(), old);
+        write(path(number + 5, cjournal_file_t::sidecar).c_str(), {1, 2});
+        if (indexed)
+            write(CJOURNAL_INDEX_PATH, index);
+        else
+            blockfs_remove(CJOURNAL_INDEX_PATH);
+        boot();
+        EXPECT_EQ(judge().size(), next);
+        EXPECT_EQ(causal_numbering_base(), archived);
+    }
+    // Damage to what the index names is nobody's to repair.
+    remove(2, cjournal_file_t::sidecar);
+    boot();
+    EXPECT_FALSE(exists(path(2, cjournal_file_t::sidecar)));
+    EXPECT_EQ(cjournal.index[1].hash_version, 0u);
+}
+
+TEST_F(JournalCut, AnyRequestOrAllocationMayFail) {
+    wait_for(100);
+    cjournal_spill(10);
+    const disk_image before = m.disk.image;
+    const auto work = [] {
+        cjournal_set_retention(2, 0);
+        wait_for(560);
+        cjournal_spill(530);
+        cjournal_spill_through(causal_total_events());
+        cjournal_sign_all();
+        cjournal_rebuild_index();
+    };
+    for (uint64_t n = 1;; n += n < 60 ? 1 : 7) {
+        SCOPED_TRACE(testing::Message() << "request " << n);
+        m.disk.power_on();
+        m.disk.image = before;
+        boot();
+        const uint64_t made = m.disk.requests;
+        m.disk.fail_request(n, 3);
+        work();
+        if (made + n > m.disk.requests)
+            break;
+        m.disk.power_on();
+        boot();
+        judge();
+        EXPECT_GT(cjournal_shutdown(), 0);
+        judge();
+        ASSERT_FALSE(HasFailure());
+    }
+    for (uint32_t blocks = 0; blocks < 8; blocks++) {
+        SCOPED_TRACE(testing::Message() << "after " << blocks << " allocations");
+        m.disk.image = before;
+        boot();
+        // All memory is taken but for `blocks` blocks of the size that a segment needs.
+        std::vector<void*> spare, taken;
+        for (uint32_t i = 0; i < blocks; i++)
+            spare.push_back(kmalloc(sizeof(cjournal_draft_t)));
+        for (size_t size = 1 << 20; size >= 64; size /= 2)
+            while (void* block = kmalloc(size))
+                taken.push_back(block);
+        for (void* block : spare)
+            kfree(block);
+        uint32_t used = 0, after = 0, total = 0;
+        heap_get_stats(&total, &used);
+        work();
+        heap_get_stats(&total, &after);
+        EXPECT_EQ(used, after);
+        boot();
+        judge();
+    }
+}
+
+}  // namespace

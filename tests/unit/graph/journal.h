@@ -1,0 +1,160 @@
+// A machine with a volume and a journal on it, and a judge of what lies in "/causal".
+#pragma once
+
+#include <cstring>
+#include <functional>
+#include <set>
+#include <sstream>
+
+#include "kernel/core/interrupt.h"
+#include "kernel/core/noise.h"
+#include "kernel/core/task.h"
+#include "kernel/core/task/sched.h"
+#include "kernel/graph/cjournal.h"
+#include "tests/unit/fs/volume.h"
+
+class JournalVolume : public Volume {
+protected:
+    void SetUp() override {
+        noise_set_random({[](void* buf, uint32_t len) { memset(buf, 7, len); }, [] {}, false});
+    }
+    void TearDown() override {
+        cjournal_init_without_volume();
+        noise_set_random({nullptr, nullptr, false});
+        Volume::TearDown();
+    }
+
+    /// As after switching on, up to the journal; the machine's memory is gone, its disk is not.
+    void boot() {
+        blockfs_forget();
+        m.reboot();
+        running() = {};
+        task_init();
+        ASSERT_EQ(blockfs_init(), 0) << machine_texts();
+        cjournal_continue_numbering();
+        cjournal_init();
+        ASSERT_NE(task_find_by_pid(1), nullptr);
+    }
+    static void cjournal_init_without_volume() {
+        blockfs_forget();
+        cjournal_init();
+        running() = {};
+    }
+
+    /// Records events until `unspilled` of them wait.
+    static void wait_for(uint32_t unspilled) {
+        while (unspilled_events() < unspilled)
+            causal_event_fmt(CAUSAL_USER, "test", "event %u", causal_get_next_id());
+    }
+    static uint32_t unspilled_events() {
+        const uint32_t cursor =
+            std::max(cjournal_state()->last_spilled_id, causal_numbering_base());
+        return causal_total_events() - cursor;
+    }
+    static std::string path(uint32_t segment, cjournal_file_t file = cjournal_file_t::segment) {
+        char text[CJOURNAL_PATH_SIZE];
+        cjournal_path(segment, file, text);
+        return text;
+    }
+    static bool exists(const std::string& path) { return blockfs_resolve(path.c_str()) >= 0; }
+
+    struct segment_t {
+        uint32_t number;
+        cjournal_header_t header;
+        cjournal_footer_t footer;
+        std::vector<cjournal_event_t> records;
+    };
+
+    /// All segments, by number; each is checked in itself and against its companions.
+    static std::vector<segment_t> segments() {
+        std::set<uint32_t> numbers;
+        std::istringstream names(list("/causal"));
+        for (std::string name; std::getline(names, name);) {
+            uint32_t number = 0;
+            cjournal_file_t file = {};
+            if (!cjournal_parse_name(name.c_str(), static_cast<uint32_t>(name.size()), &number,
+                                     &file))
+                continue;
+            if (file == cjournal_file_t::segment)
+                numbers.insert(number);
+            else
+                EXPECT_TRUE(file == cjournal_file_t::signature || exists(path(number))) << name;
+        }
+        std::vector<segment_t> all;
+        for (const uint32_t number : numbers)
+            all.push_back(segment(number));
+        return all;
+    }
+
+    static segment_t segment(uint32_t number) {
+        const bytes_t file = read(path(number).c_str());
+        segment_t s = {number, {}, {}, {}};
+        memcpy(&s.header, file.data(), std::min(file.size(), sizeof s.header));
+        EXPECT_EQ(file.size(), cjournal_segment_bytes(s.header.event_count)) << number;
+        if (file.size() != cjournal_segment_bytes(s.header.event_count))
+            return s;
+        s.records.resize(s.header.event_count);
+        memcpy(s.records.data(), &file[44], s.records.size() * 175);
+        memcpy(&s.footer, &file[file.size() - 48], 48);
+        EXPECT_TRUE(
+            cjournal_check_footer(s.header, number, {175, 48}, std::span(file).last(48),
+                                  cjournal_checksum(std::span(file).first(file.size() - 48))));
+        EXPECT_EQ(cjournal_check_records(s.header, s.records).fault, cjournal_fault_t::none);
+        std::vector<cjournal_hash_t> hashes(s.records.size());
+        for (size_t i = 0; i < hashes.size(); i++)
+            cjournal_record_hash(4, s.records[i], &hashes[i]);
+        const bytes_t sidecar = read(path(number, cjournal_file_t::sidecar).c_str());
+        EXPECT_EQ(sidecar.size(), cjournal_sidecar_bytes(s.header.event_count)) << number;
+        if (sidecar.size() == cjournal_sidecar_bytes(s.header.event_count)) {
+            EXPECT_EQ(memcmp(&sidecar[24], hashes.data(), hashes.size() * 32), 0) << number;
+        }
+        const auto root = cjournal_make_root(s.header, number, cjournal_merkle_root(hashes));
+        const bytes_t stored = read(path(number, cjournal_file_t::root).c_str());
+        EXPECT_EQ(stored.size(), sizeof root) << number;
+        if (stored.size() == sizeof root) {
+            EXPECT_EQ(memcmp(stored.data(), &root, sizeof root), 0) << number;
+        }
+        return s;
+    }
+
+    /// The journal is sound: segments in themselves, their chain, identifiers without gap or
+    /// repetition (imported ones apart; a single one may run ahead, and the next boot follow it),
+    /// and the index, which names them all.
+    static std::vector<segment_t> judge() {
+        const std::vector<segment_t> all = segments();
+        const segment_t* before = nullptr;
+        uint32_t newest = 0, ahead = 0;
+        for (const segment_t& s : all) {
+            if (before != nullptr) {
+                EXPECT_EQ(s.number, before->number + 1);
+                EXPECT_EQ(s.footer.prev_checksum, before->footer.checksum) << s.number;
+            }
+            before = &s;
+            if (s.footer.flags != 0)
+                continue;
+            if (s.records.size() == 1 && s.header.first_id != newest + 1) {
+                ahead = s.header.last_id;
+                continue;
+            }
+            EXPECT_TRUE(newest == 0 || s.header.first_id == newest + 1 ||
+                        s.header.first_id == ahead + 1)
+                << s.number;
+            EXPECT_EQ(s.header.last_id - s.header.first_id + 1, s.records.size()) << s.number;
+            newest = s.header.last_id;
+        }
+        const bytes_t index = read(CJOURNAL_INDEX_PATH);
+        const cjournal_state_t& state = *cjournal_state();
+        cjournal_index_header_t header = {};
+        memcpy(&header, index.data(), std::min(index.size(), sizeof header));
+        EXPECT_EQ(index.size(), cjournal_index_bytes(static_cast<uint32_t>(all.size())));
+        EXPECT_EQ(header.entry_count, all.size());
+        EXPECT_EQ(static_cast<size_t>(state.index_count), all.size());
+        EXPECT_EQ(header.last_spilled_id, state.last_spilled_id);
+        EXPECT_EQ(header.segments_written, state.segments_written);
+        uint32_t events = 0;
+        for (const segment_t& s : all)
+            events += s.header.event_count;
+        EXPECT_EQ(header.events_spilled, events);
+        return all;
+    }
+};
