@@ -44,6 +44,7 @@ file(GLOB VORN_STORE_SOURCES CONFIGURE_DEPENDS
   ${CMAKE_SOURCE_DIR}/kernel/graph/causal/*.cpp ${CMAKE_SOURCE_DIR}/kernel/core/string/*.cpp)
 add_library(vorn_store_raw STATIC ${VORN_STORE_SOURCES} ${VORN_NOISE_SOURCES}
   ${CMAKE_SOURCE_DIR}/kernel/graph/causal_schema.cpp ${CMAKE_SOURCE_DIR}/kernel/core/record.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/core/assert.cpp
   ${CMAKE_SOURCE_DIR}/kernel/core/kprintf.cpp)
 target_include_directories(vorn_store_raw PRIVATE
   ${CMAKE_SOURCE_DIR}/tools/host ${CMAKE_SOURCE_DIR})

@@ -64,8 +64,11 @@ def test_the_power_button_halts(machine, memory):
     one.qmp.run("system_powerdown")
     words = one.wait_end()
     assert words.startswith("[shutdown] Initiating halt...\r\n")
-    assert words.endswith("[shutdown] System halted\r\n")
+    assert "[shutdown] Flushed" in words and words.endswith("[shutdown] System halted\r\n")
     one.close()
+    image = one.disk.path.read_bytes()
+    assert image.count(b"shutdown type=halt") >= 2, "in the journal and in the snapshot"
+    assert b"system.tl" in image
     two = machine(net=False, disk=one.disk)
     assert two.run("diskcat /kept") == "yes\n"
 
