@@ -48,3 +48,4 @@ vorn_fuzz(journal ${VORN_STRING_SOURCES}
   ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/merkle.cpp
   ${CMAKE_SOURCE_DIR}/kernel/graph/causal/hash.cpp ${CMAKE_SOURCE_DIR}/kernel/graph/causal_schema.cpp
   ${CMAKE_SOURCE_DIR}/kernel/core/noise/blake2s.cpp ${CMAKE_SOURCE_DIR}/kernel/core/noise/helpers.cpp)
+vorn_fuzz(timeline ${VORN_STRING_SOURCES} ${CMAKE_SOURCE_DIR}/kernel/graph/timeline/format.cpp)

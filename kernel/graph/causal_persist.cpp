@@ -28,38 +28,57 @@ mutex_t persist_lock;
 uint32_t last_flush_tick;
 uint32_t last_flush_id;  ///< the newest event when the last flush was done
 
-/// Takes the newest events that are in the ring; their number.
-uint32_t collect_newest(persist_event_t* out) {
-    const uint32_t newest = causal_total_events();
-    const uint32_t in_ring = causal_ring_used();
-    uint32_t left = in_ring < CJOURNAL_SNAPSHOT_EVENTS ? in_ring : CJOURNAL_SNAPSHOT_EVENTS;
+/// The store at a moment; what a flush itself records comes later.
+struct moment_t {
+    uint32_t next_id;
+    uint32_t in_ring;
+    uint64_t lamport;
+};
+
+/// Takes the newest events of that moment; their number.
+uint32_t collect_newest(const moment_t& then, persist_event_t* out) {
+    uint32_t left =
+        then.in_ring < CJOURNAL_SNAPSHOT_EVENTS ? then.in_ring : CJOURNAL_SNAPSHOT_EVENTS;
     uint32_t count = 0;
     causal_event_t ev;
     for (; left > 0; --left) {
-        const uint32_t id = newest - left + 1;
+        const uint32_t id = then.next_id - left;
         if (causal_get_ring(id) != nullptr && causal_copy(id, &ev))
             cjournal_snapshot_record(ev, &out[count++]);
     }
     return count;
 }
 
-int flush_locked() REQUIRES(persist_lock) {
+/// Writes the file; the number of events, or -1.
+int write_snapshot(const moment_t& then) {
     const auto file = heap_ptr<snapshot_t>::make();
     if (!file)
         return -1;
     memset(file.get(), 0, sizeof *file);
-    const uint32_t count = collect_newest(file->events);
+    const uint32_t count = collect_newest(then, file->events);
     if (count == 0)
         return 0;
-    file->header = {CJOURNAL_SNAPSHOT_MAGIC, CJOURNAL_SNAPSHOT_VERSION, count, causal_get_next_id(),
-                    causal_get_lamport()};
+    file->header = {CJOURNAL_SNAPSHOT_MAGIC, CJOURNAL_SNAPSHOT_VERSION, count, then.next_id,
+                    then.lamport};
     blockfs_mkdir_p(CJOURNAL_DIR);
-    if (blockfs_replace_file(CJOURNAL_SNAPSHOT_PATH, file.get(), snapshot_bytes(count)) != 0)
-        return -1;
-    causal_event_fmt(CAUSAL_FS, "causal", "flushed %d events to disk", static_cast<int>(count));
+    const int error =
+        blockfs_replace_file(CJOURNAL_SNAPSHOT_PATH, file.get(), snapshot_bytes(count));
+    return error != 0 ? -1 : static_cast<int>(count);
+}
+
+int flush_locked() REQUIRES(persist_lock) {
+    moment_t now;
+    {
+        const irq_guard guard;
+        now = {causal_get_next_id(), causal_ring_used(), causal_get_lamport()};
+    }
+    const int count = write_snapshot(now);
+    if (count <= 0)
+        return count;
+    causal_event_fmt(CAUSAL_FS, "causal", "flushed %d events to disk", count);
     last_flush_tick = system_ticks;
     last_flush_id = causal_total_events();
-    return static_cast<int>(count);
+    return count;
 }
 
 /// Reads the snapshot file into `file`: its number of events, 0 when it is missing or empty, -1
@@ -106,7 +125,7 @@ void emit_again(const persist_event_t& stored) {
     ev->node_hash = stored.node_hash;
 }
 
-int restore_locked() REQUIRES(persist_lock) {
+int emit_snapshot() {
     const auto file = heap_ptr<snapshot_t>::make();
     if (!file)
         return -1;
@@ -116,7 +135,13 @@ int restore_locked() REQUIRES(persist_lock) {
     causal_set_lamport(file->header.lamport_clock);
     for (int i = 0; i < count; ++i)
         emit_again(file->events[i]);
-    causal_event_fmt(CAUSAL_FS, "causal", "restored %d events from disk", count);
+    return count;
+}
+
+int restore_locked() REQUIRES(persist_lock) {
+    const int count = emit_snapshot();
+    if (count > 0)
+        causal_event_fmt(CAUSAL_FS, "causal", "restored %d events from disk", count);
     return count;
 }
 

@@ -1,0 +1,276 @@
+// Saved timelines: their bytes, what a power cut leaves of them, and files that lie.
+#include "kernel/core/endian.h"
+#include "kernel/graph/timeline.h"
+#include "kernel/graph/timeline/format.h"
+#include "tests/unit/fs/volume.h"
+
+namespace {
+
+using texts_t = std::vector<std::string>;
+
+class TimelineSave : public Volume {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(mount(), 0);
+        timeline_init();
+        tl = timeline_create("work", "app");
+    }
+    int tl = -1;
+
+    static void fill(int id, int events) {
+        for (int i = static_cast<int>(timeline_get(id)->event_count); i < events; ++i) {
+            const std::string n = std::to_string(i);
+            timeline_emit(id, 60, n.data(), static_cast<uint32_t>(n.size()), ("e" + n).c_str());
+        }
+    }
+    /// Sub-types, descriptions and data of the chain.
+    static texts_t contents(int id) {
+        texts_t texts;
+        const auto keep = [](const causal_event_t* ev, void* ctx) {
+            uint32_t sub_type;
+            const uint8_t* data;
+            uint16_t len;
+            EXPECT_TRUE(timeline_parse_payload(ev, &sub_type, &data, &len));
+            static_cast<texts_t*>(ctx)->push_back(std::to_string(sub_type) + " " + ev->desc + " " +
+                                                  std::string(data, data + len));
+        };
+        timeline_replay_until(id, UINT32_MAX, keep, &texts);
+        return texts;
+    }
+    static uint32_t newest() {
+        uint32_t id = 0;
+        causal_recent_ids(CAUSAL_USER, &id, 1);
+        return id;
+    }
+    /// Loads `name`; its contents, or {"none"}. Frees the slot again.
+    static texts_t load(const char* name) {
+        const int count = timeline_count();
+        const uint32_t last = newest();
+        const int id = timeline_restore(name);
+        EXPECT_TRUE(id >= 0 || newest() == last);  // not half a history
+        const texts_t texts = id < 0 ? texts_t{"none"} : contents(id);
+        timeline_destroy(id);
+        EXPECT_EQ(timeline_count(), count);
+        return texts;
+    }
+    /// As after switching on.
+    void restart() {
+        m.disk.power_on();
+        ASSERT_EQ(mount(), 0);
+        causal_init();
+        timeline_init();
+    }
+    static bytes_t record(const char* desc, const bytes_t& payload) {
+        bytes_t bytes(TIMELINE_RECORD_SIZE);
+        strcpy(reinterpret_cast<char*>(&bytes[44]), desc);
+        std::copy(payload.begin(), payload.end(), bytes.begin() + 124);
+        store_le32(&bytes[544], static_cast<uint32_t>(payload.size()));
+        return bytes;
+    }
+};
+
+TEST_F(TimelineSave, HasTheBytesAndComesBack) {
+    write("/timeline/work.003", {1});
+    write("/timeline/work.005", {1});
+    fill(tl, 25);
+    ASSERT_EQ(timeline_rewind_steps(tl, 3), 0);
+    const timeline_t saved = *timeline_get(tl);
+    ASSERT_EQ(timeline_persist(tl), 0);
+    EXPECT_EQ(list("/timeline"), "work.005\nwork.000\nwork.001\nwork.002\nwork.tl\n");
+    EXPECT_EQ(read("/timeline/work.001").size(), 6080u);
+    EXPECT_EQ(read("/timeline/work.002").size(), 3040u);
+    bytes_t header(84);
+    const auto put = [&header](size_t at, const std::string& text) {
+        std::copy(text.begin(), text.end(), header.begin() + static_cast<long>(at));
+    };
+    put(0, "2PLT");
+    put(16, "work");
+    put(48, "app");
+    const std::pair<size_t, uint32_t> numbers[] = {
+        {4, 2}, {8, 25}, {12, 3}, {64, 1}, {68, saved.head_id}, {72, saved.cursor_id}, {76, 25}};
+    for (const auto& [at, value] : numbers)
+        store_le32(&header[at], value);
+    EXPECT_EQ(read("/timeline/work.tl"), header);
+    const bytes_t chunk = read("/timeline/work.001");
+    const causal_event_t* tenth = causal_get(load_le32(chunk.data()));
+    EXPECT_STREQ(tenth->desc, "e10");
+    causal_event_t stored = *tenth;  // it had no child then
+    stored.child_count = load_le16(&chunk[606]);
+    EXPECT_EQ(memcmp(chunk.data(), &stored, sizeof stored), 0);
+
+    const texts_t before = contents(tl);
+    EXPECT_EQ(timeline_restore("work"), -1);
+    restart();
+    timeline_create("first", "x");
+    const int id = timeline_restore("work");
+    ASSERT_EQ(id, 1);  // another slot than before
+    EXPECT_EQ(contents(id), before);
+    EXPECT_EQ(timeline_get(id)->event_count, 25u);
+    EXPECT_EQ(timeline_get(id)->cursor_id, timeline_get(id)->head_id);
+    EXPECT_STREQ(timeline_get(id)->app, "app");
+    timeline_cached_event_t last;
+    EXPECT_EQ(timeline_recent(id, &last, 1), 1);
+    EXPECT_EQ(last.sub_type, 60u);
+    EXPECT_EQ(timeline_restore("none"), -1);
+    EXPECT_EQ(timeline_restore(nullptr), -1);
+    EXPECT_EQ(timeline_restore(std::string(300, 'n').c_str()), -1);
+}
+
+TEST_F(TimelineSave, NamesWithSlashesGetDirectories) {
+    const int shell = timeline_create("shell/0", "shell");
+    ASSERT_EQ(timeline_persist(shell), 0);
+    EXPECT_EQ(list("/timeline/shell"), "0.000\n0.tl\n");
+    for (const char* name : {"a//b", "/a", "../a", "work.tl/x"}) {
+        timeline_persist(tl);
+        const int id = timeline_create(name, "x");
+        EXPECT_EQ(timeline_persist(id), -1) << name;
+        timeline_destroy(id);
+    }
+    timeline_destroy(shell);
+    EXPECT_EQ(load("shell/0"), texts_t{"1 timeline created "});
+}
+
+TEST_F(TimelineSave, APowerCutLeavesTheOldHistoryOrTheNewOne) {
+    std::vector<texts_t> whole = {{"none"}};
+    for (const int events : {12, 25, 45}) {
+        const disk_image before = m.disk.image;
+        fill(tl, events);
+        m.disk.start_log();
+        ASSERT_EQ(timeline_persist(tl), 0);
+        const write_log_t log = m.disk.writes;
+        const timeline_t kept = *timeline_get(tl);
+        whole.push_back(contents(tl));
+        for (size_t cut = 0; cut <= log.size(); ++cut) {
+            m.disk.image = before;
+            m.disk.image.apply(log, cut);
+            restart();
+            const texts_t now = load("work");
+            ASSERT_TRUE(now == whole.back() || now == whole[whole.size() - 2]) << cut;
+        }
+        ASSERT_EQ(load("work"), whole.back());
+        tl = timeline_restore("work");
+        ASSERT_EQ(timeline_get(tl)->event_count, kept.event_count);
+    }
+}
+
+TEST_F(TimelineSave, AFailingDiskIsAFailedSave) {
+    fill(tl, 25);
+    ASSERT_EQ(timeline_persist(tl), 0);
+    const texts_t old = contents(tl);
+    const disk_image image = m.disk.image;
+    uint64_t n = 1;
+    for (int result = -1; result != 0; ++n) {
+        m.disk.image = image;
+        restart();
+        tl = timeline_restore("work");
+        fill(tl, 45);
+        m.disk.fail_request(n, 1000000);
+        result = timeline_persist(tl);
+        m.disk.power_on();
+        timeline_destroy(tl);
+        const texts_t now = load("work");
+        EXPECT_TRUE(result == 0 ? now.size() == 45 : now == old) << n;
+        ASSERT_LT(n, 500u);
+    }
+    EXPECT_GT(n, 10u);
+    blockfs_forget();
+    EXPECT_EQ(timeline_persist(timeline_create("w", "x")), -1);
+    EXPECT_EQ(timeline_restore("work"), -1);
+}
+
+TEST_F(TimelineSave, LeavesInodesToTheJournal) {
+    fill(tl, 2400);
+    EXPECT_EQ(timeline_persist(tl), -1);
+    EXPECT_EQ(list("/timeline"), "");
+    timeline_destroy(tl);
+    tl = timeline_create("less", "app");
+    fill(tl, 2000);
+    EXPECT_EQ(timeline_persist(tl), 0);
+    EXPECT_EQ(timeline_persist(tl), 0);  // the same files again
+    const texts_t before = contents(tl);
+    timeline_destroy(tl);
+    EXPECT_EQ(load("less"), before);
+}
+
+TEST_F(TimelineSave, FilesThatLieAreRefusedOrReadSafely) {
+    fill(tl, 12);
+    ASSERT_EQ(timeline_persist(tl), 0);
+    const bytes_t header = read("/timeline/work.tl");
+    const bytes_t chunk = read("/timeline/work.000");
+    const texts_t sound = contents(tl);
+    timeline_destroy(tl);
+    const texts_t none = {"none"};
+    const auto with_header = [&](size_t at, uint32_t value) {
+        bytes_t bytes = header;
+        store_le32(&bytes[at], value);
+        write("/timeline/work.tl", bytes);
+        return load("work");
+    };
+    for (const uint32_t count : {0u, 11u + 10, 0xFFFFFFFFu, 0xFFFFFFF7u, 16385u})
+        EXPECT_EQ(with_header(8, count), none) << count;
+    for (const uint32_t chunks : {0u, 1u, 3u, 0x1999999Au})
+        EXPECT_EQ(with_header(12, chunks), none) << chunks;
+    EXPECT_EQ(with_header(0, 0x544C5033), none);
+    EXPECT_EQ(with_header(4, 3), none);
+    write("/timeline/work.tl", bytes_t(header.begin(), header.begin() + 67));
+    EXPECT_EQ(load("work"), none);
+    write("/timeline/work.tl", bytes_t(header.begin(), header.begin() + 83));
+    EXPECT_EQ(load("work"), none);
+
+    bytes_t unterminated = header;
+    std::fill(unterminated.begin() + 16, unterminated.begin() + 64, 0x1B);
+    write("/timeline/work.tl", unterminated);
+    tl = timeline_restore("work");
+    EXPECT_STREQ(timeline_get(tl)->name, "work");
+    EXPECT_STREQ(timeline_get(tl)->app, "???????????????");
+    timeline_destroy(tl);
+
+    write("/timeline/work.tl", header);
+    EXPECT_EQ(load("work"), sound);
+    write("/timeline/work.000", bytes_t(chunk.begin(), chunk.end() - 1));
+    EXPECT_EQ(load("work"), none);
+    bytes_t bad = chunk;
+    std::fill(bad.begin(), bad.begin() + 608, 0xFF);         // an event of nonsense
+    std::fill(bad.begin() + 608, bad.begin() + 1216, 0x00);  // one that was nowhere any more
+    store_le16(&bad[1216 + 124 + 12], 0xFFFF);               // data longer than the payload
+    store_le32(&bad[1824 + 544], 0xFFFFFFFF);
+    write("/timeline/work.000", bad);
+    const texts_t read_safely = load("work");
+    ASSERT_EQ(read_safely.size(), 12u);
+    EXPECT_EQ(read_safely[0].substr(0, 2), "0 ");
+    EXPECT_EQ(read_safely[1], "0  ");
+    EXPECT_EQ(read_safely[2], "0 e2 ");
+    EXPECT_EQ(read_safely[3], sound[3]);
+    blockfs_remove("/timeline/work.001");
+    EXPECT_EQ(load("work"), none);
+}
+
+TEST_F(TimelineSave, TheOlderFileIsStillRead) {
+    bytes_t file(68);
+    strcpy(reinterpret_cast<char*>(file.data()), "old");
+    strcpy(reinterpret_cast<char*>(&file[32]), "notes");
+    const auto add = [&file](const bytes_t& bytes) {
+        file.insert(file.end(), bytes.begin(), bytes.end());
+    };
+    add(record("first", {5, 0, 0, 0, 16, 0, 0, 0, 2, 0, 'h', 'i'}));
+    bytes_t full = {5, 0, 0, 0, 17, 0, 0, 0, 0x9A, 1};  // 410 bytes of data
+    full.resize(420, 'y');
+    add(record("second", full));
+    add(bytes_t(607));  // no whole record
+    write("/timeline/old.tl", file);
+    uint32_t events;
+    uint32_t chunks;
+    EXPECT_EQ(timeline_saved("old", &events, &chunks), -1);
+    EXPECT_EQ(load("old"), (texts_t{"16 first hi", "17 second " + std::string(410, 'y')}));
+    write("/timeline/other.tl", file);  // carries another name
+    EXPECT_EQ(load("other"), texts_t{"none"});
+    write("/timeline/old.tl", bytes_t(file.begin(), file.begin() + 68));
+    EXPECT_EQ(load("old"), texts_t{});
+    bytes_t ten = bytes_t(file.begin(), file.begin() + 68 + 608);
+    for (int i = 0; i < 11; ++i)
+        ten.insert(ten.end(), file.begin() + 68, file.begin() + 68 + 608);
+    write("/timeline/old.tl", ten);
+    EXPECT_EQ(load("old").size(), 9u);  // as many as 6144 bytes hold
+}
+
+}  // namespace
