@@ -142,8 +142,10 @@ private:
             next_ids_.insert(last + 1);
             return;
         }
-        if (alone)
+        if (alone) {
+            alone_.insert(first);
             return;
+        }
         const uint32_t expected = *next_ids_.rbegin();
         if (first < expected)
             fault(number, "goes back to event " + std::to_string(first));
@@ -160,12 +162,24 @@ private:
         }
     }
 
+    /// What of a gap was not spilled alone before must be accounted for.
     void take_missing(uint32_t number, uint32_t first, uint32_t last) {
+        for (const uint32_t id : alone_) {
+            if (id < first || id > last)
+                continue;
+            if (id > first)
+                take_missing_run(number, first, id - 1);
+            first = id + 1;
+        }
+        if (first <= last && first != 0)
+            take_missing_run(number, first, last);
+    }
+
+    void take_missing_run(uint32_t number, uint32_t first, uint32_t last) {
         const std::string events = "events " + range_text(first, last);
         if (accounts_.covers(first, last))
             audit_->notes.push_back(events +
-                                    " were lost before they could be written, as the "
-                                    "journal says");
+                                    " were lost before they could be written, as the journal says");
         else
             audit_->faults.push_back(events + " are missing before segment " +
                                      std::to_string(number));
@@ -175,6 +189,7 @@ private:
     audit_t* audit_;
     uint32_t last_number_ = 0;
     const segment_t* last_ = nullptr;
+    std::set<uint32_t> alone_;     ///< events that were spilled alone
     std::set<uint32_t> next_ids_;  ///< where the next regular segment may begin; empty: anywhere
 };
 

@@ -2,6 +2,8 @@
 // is the subcommand's word, argc counts it; each prints its own lines and checks its arguments.
 #pragma once
 
+#include <stdint.h>
+
 /// A subcommand.
 using journal_subcommand_fn = void (*)(int argc, char** argv);
 
@@ -15,3 +17,22 @@ void journal_pubkey(int argc, char** argv);         ///< pubkey
 void journal_sign(int argc, char** argv);           ///< sign <n>
 void journal_sign_all(int argc, char** argv);       ///< sign-all
 void journal_sign_test(int argc, char** argv);      ///< sign-test
+
+// The checking side (checks.cpp).
+void journal_verify(int argc, char** argv);           ///< verify
+void journal_verify_segment(int argc, char** argv);   ///< verify-segment <n>
+void journal_verify_sig(int argc, char** argv);       ///< verify-sig <n>
+void journal_trust_health(int argc, char** argv);     ///< trust-health
+void journal_read_retry_test(int argc, char** argv);  ///< read-retry-test [n]
+void journal_epoch_proof(int argc, char** argv);      ///< epoch-proof <n> <event|first|last> [full]
+
+// The reading side (views.cpp).
+void journal_status();
+void journal_segments(int argc, char** argv);  ///< segments
+void journal_lookup(int argc, char** argv);    ///< lookup <id|first|last>
+void journal_hash(int argc, char** argv);      ///< hash <id|first|last>
+void journal_children(int argc, char** argv);  ///< children <id|first|last> [n]
+
+/// Reads the segment number in argv[1], or the newest one when `optional` and it is missing; prints
+/// what is wrong otherwise.
+[[nodiscard]] bool journal_parse_segment(int argc, char** argv, bool optional, uint32_t* segment);

@@ -7,6 +7,7 @@
 #include "kernel/apps/cmd_disk.h"
 #include "kernel/apps/cmd_files.h"
 #include "kernel/apps/cmd_graph.h"
+#include "kernel/apps/cmd_journal.h"
 #include "kernel/apps/cmd_schema.h"
 #include "kernel/apps/cmd_system.h"
 #include "kernel/apps/cmd_timeline.h"
@@ -16,6 +17,8 @@
 #include "kernel/apps/vorsh.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
+#include "kernel/graph/attest.h"
+#include "kernel/graph/capsule.h"
 #include "kernel/graph/causal.h"
 #include "kernel/graph/causal_persist.h"
 #include "kernel/graph/replay.h"
@@ -146,7 +149,10 @@ constinit const command_t commands[] = {
     {"crypto", cmd_crypto},
     {"hexdump", cmd_hexdump},
     {"random", cmd_random},
+    {"journal", cmd_journal},
     {"schema", cmd_schema},
+    {"attest", cmd_attest},
+    {"capsule", cmd_capsule},
     {"dmesg", cmd_dmesg},
     {"heap", cmd_heap},
     {"memleak", cmd_memleak},

@@ -97,17 +97,6 @@ void cjournal_root_summary_locked(cjournal_entry_t* entry) REQUIRES(cjournal_loc
 
 // --- verify (reading side) -----------------------------------------------------------------------
 
-/// Checks one segment and prints the first failure; 0 or -1. The out pointers say what its footer
-/// carried, and may be null.
-[[nodiscard]] int verify_segment_locked(uint32_t segment, cjournal_header_t* out_header,
-                                        bool* out_footer, bool* out_checksum, bool* out_layout,
-                                        bool* out_chain) REQUIRES(cjournal_lock);
-
-/// Checks the sidecar against the records: 1 verified, 0 missing, -1 bad.
-[[nodiscard]] int verify_segment_hashes_locked(uint32_t segment, const cjournal_header_t& header,
-                                               std::span<const cjournal_event_t> records,
-                                               uint32_t* hash_version) REQUIRES(cjournal_lock);
-
 /// Checks the root against the records: 1 verified, 0 missing, -1 bad.
 [[nodiscard]] int verify_segment_epoch_root_locked(uint32_t segment,
                                                    const cjournal_header_t& header,

@@ -188,6 +188,10 @@ TEST_F(Audit, IdentifiersFollowEachOtherUnlessTheJournalAccountsForThem) {
     EXPECT_NE(findings().find("events 5..6 are missing before segment 2\n"), std::string::npos);
     write(3, {record(9), record(10, "lost 5..6", "cjournal")});
     EXPECT_EQ(verdict(), AUDIT_SOUND) << findings();
+    write(2, {record(8)});  // the boot ended before the rest was spilled
+    write(3, {record(9), record(10, "lost 5..7", "cjournal")});
+    EXPECT_EQ(verdict(), AUDIT_SOUND) << findings();
+    write(2, run(7, 8));
     write(3, run(8, 9));
     EXPECT_NE(findings().find("segment 3 goes back to event 8\n"), std::string::npos);
 

@@ -1,0 +1,114 @@
+"""The journal from the keyboard to the auditor: written, sealed, powered off, proved, tampered
+with, and still known to the next boot."""
+import re
+import subprocess
+
+import journal_oracle as oracle
+from rig import ROOT
+
+AUDITOR = ROOT / "build" / "tools" / "vorn-audit"
+VERIFIED = "journal verify: ok\n"
+
+
+def audit(disk, *words):
+    return subprocess.run([AUDITOR, disk.path, *words], capture_output=True, text=True, timeout=60,
+                          check=False)
+
+
+def judge(disk):
+    return oracle.judge(oracle.read_volume(disk.path.read_bytes()))
+
+
+def event_of(one, text):
+    return re.findall(rf"\[(\d+)\] .*{text}", one.run("events 64"))[-1]
+
+
+def halt(one):
+    one.send("halt\r")
+    one.wait_end()
+    one.close()
+
+
+def seal(one):
+    assert one.run("journal spill 100000").startswith("Spilled ")
+    assert one.run("journal sign-all").endswith("failed=0 status=PASS\n")
+    assert one.run("journal verify").endswith(VERIFIED)
+
+
+def test_a_sealed_journal_is_proved_and_one_changed_byte_is_found(machine):
+    one = machine(net=False)
+    one.run("write /docs/a.txt hello")
+    written = event_of(one, "write a.txt")
+    assert "VERDICT:   UNSIGNED" in one.run(f"attest {written}")
+    seal(one)
+    assert "VERDICT:   SIGNED & VERIFIABLE" in one.run(f"attest {written}")
+    assert one.run(f"attest verify {written}").startswith("RECEIPT VALID: event #")
+    bundle = one.run(f"capsule {written}")
+    assert "-> VERIFIABLE" in bundle and f"saved to /capsule/{written}.txt" in bundle
+    assert one.run(f"diskcat /capsule/{written}.txt") in bundle + "\n"
+    assert "PASS" in one.run(f"journal epoch-proof 1 {written}")
+    halt(one)
+
+    assert judge(one.disk) == oracle.SOUND
+    done = audit(one.disk)
+    assert done.returncode == 0 and "VERDICT: SOUND" in done.stdout, done
+    blocks, _ = oracle.place_files(one.disk.path.read_bytes())["/causal/seg-00000001.jnl"]
+    place = blocks[0] * 512 + 44 + 37  # the first record's description
+    byte = one.disk.read(place, 1)[0]
+    one.disk.write(place, bytes([byte ^ 1]))
+    done = audit(one.disk)
+    assert done.returncode == 1 == judge(one.disk)
+    assert "FAULT: seg-00000001.jnl has a bad footer" in done.stdout
+    two = machine(net=False, disk=one.disk)
+    assert "verify: bad footer in /causal/seg-00000001.jnl" in two.run("journal verify")
+
+
+def test_the_next_boot_knows_the_first_ones_events_and_numbers_go_on(machine):
+    one = machine(net=False)
+    one.run("write /docs/a.txt hello")
+    written = event_of(one, "write a.txt")
+    shown = re.search(r"write a.txt.*pid=\d+", one.run(f"trace {written}")).group(0)
+    one.run("journal spill 100000")
+    one.run("journal spill-through last")
+    halt(one)
+
+    two = machine(net=False, disk=one.disk)
+    newest = int(re.search(r"\| (\d+) -- \d+ \(in ring\)", two.run("journal")).group(1)) - 1
+    assert newest > int(written)
+    assert shown in two.run(f"trace {written}")
+    assert "cmd: write" in two.run(f"trace {written}")
+    assert shown in two.run(f"journal lookup {written}")
+    assert "source:    journal" in two.run(f"attest {written}")
+    seal(two)
+    halt(two)
+    done = audit(two.disk)
+    assert done.returncode == 0, done
+
+
+def test_a_killed_machine_leaves_a_journal_that_verifies(machine):
+    one = machine(net=False)
+    for number in range(3):
+        one.run(f"write /n{number} text")
+        one.run("journal spill 100000")
+    one.close()
+    two = machine(net=False, disk=one.disk)
+    assert two.run("journal verify").endswith(VERIFIED)
+    seal(two)
+    two.close()
+    assert judge(two.disk) == oracle.SOUND == audit(two.disk).returncode
+
+
+def test_without_a_disk_every_subcommand_says_something_and_changes_nothing(machine):
+    one = machine(net=False, disk=False)
+    assert one.run("journal").startswith("Causal Journal:\n  Segments:   0 / 32 max\n")
+    for words, wanted in (("spill", "Spilled 0 events"), ("verify", "journal verify: failed"),
+                          ("sign 1", "journal sign: segment 1 signing key unavailable"),
+                          ("verify-sig 1", "signing key unavailable"),
+                          ("sign", "Usage: journal sign"), ("lookup last", "no archived"),
+                          ("verify-segment x", "invalid segment 'x'"),
+                          ("nonsense", "Usage: journal [segments|index|")):
+        assert wanted in one.run(f"journal {words}"), words
+    assert one.run("attest 0") == "attest: cannot resolve event '0'\n"
+    assert one.run("attest verify 1") == "RECEIPT INVALID: event #1 not in a durable segment\n"
+    assert one.run("capsule last").endswith(
+        "(disk unavailable -- capsule shown on console only)\n")
