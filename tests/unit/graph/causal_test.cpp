@@ -146,6 +146,45 @@ TEST_F(Causal, RecordingEndsWithTheLastIdentifier) {
     EXPECT_EQ(causal_count_orphans(), 2u);
 }
 
+TEST_F(Causal, NumberingMovesBehindAnArchiveWithAllThatNamesEvents) {
+    static uint32_t kept;
+    const auto shift = [](uint32_t delta) { kept += delta; };
+    kept = 2;
+    causal_on_renumber(shift);
+    causal_on_renumber(shift);
+    run_task();
+    emit();
+    emit({2, 0, 1});
+    causal_push_context(3);
+    EXPECT_FALSE(causal_renumber(0xFFFFFFFE));
+    EXPECT_EQ(causal_get_next_id(), 4u);
+    constexpr uint32_t BASE = 2 * CAUSAL_RING_SLOTS - 2;
+    EXPECT_TRUE(causal_renumber(BASE));
+    EXPECT_EQ(kept, BASE + 2);
+    EXPECT_EQ(causal_get_ring(3), nullptr);
+    EXPECT_EQ(parents(BASE + 3), (ids_t{BASE + 2, 0, BASE + 1}));
+    EXPECT_EQ(show(BASE + 1), "lamport 1 tick 0 node 0 sched/boot: kernel boot started <- 0 +1");
+    EXPECT_EQ(causal_oldest_event_id(), BASE + 1);
+    EXPECT_EQ(causal_numbering_base(), BASE);
+    EXPECT_EQ(emit(), BASE + 4);
+}
+
+TEST_F(Causal, TheSpillHookIsCalledOnceAtItsMark) {
+    static int told;
+    told = 0;
+    causal_set_spill_hook([] { ++told; });
+    causal_set_spill_mark(4);
+    emit();
+    emit();
+    EXPECT_EQ(told, 0);
+    emit();
+    emit();
+    EXPECT_EQ(told, 1);
+    causal_set_spill_mark(2);
+    emit();
+    EXPECT_EQ(told, 2);
+}
+
 TEST_F(Causal, OnlyProcessorZeroRecordsAndWithInterruptsMasked) {
     static bool masked;
     machine().interrupts_on = true;

@@ -89,16 +89,7 @@ TEST_F(JournalCut, EvictionIndexKeyAndSignatures) {
 TEST_F(JournalCut, AnImportHappensWhollyOrNotAtAll) {
     wait_for(20);
     cjournal_spill(10);
-    bytes_t file(24 + 3 * 138);
-    const persist_header_t header = {CJOURNAL_SNAPSHOT_MAGIC, 1, 3, 1, 1};
-    memcpy(file.data(), &header, sizeof header);
-    for (uint32_t i = 0; i < 3; i++) {
-        persist_event_t record = {};
-        record.id = 70 + i;
-        record.lamport = 9 - i;
-        memcpy(&file[24 + i * 138], &record, sizeof record);
-    }
-    write(CJOURNAL_SNAPSHOT_PATH, file);
+    write_snapshot({{70, 9}, {71, 8}, {72, 7}});
     cut(
         "import", [] { EXPECT_EQ(cjournal_import_legacy(), 3); },
         [] {

@@ -34,32 +34,18 @@ protected:
         return sizes;
     }
     static std::vector<uint32_t> numbers() {
-        std::vector<uint32_t> numbers;
+        std::vector<uint32_t> found;
         for (const segment_t& s : segments())
-            numbers.push_back(s.number);
-        return numbers;
-    }
-    /// A snapshot file of these records' identifiers and Lamport times.
-    static void write_snapshot(const std::vector<std::pair<uint32_t, uint64_t>>& events) {
-        bytes_t file(24 + events.size() * 138);
-        const persist_header_t header = {CJOURNAL_SNAPSHOT_MAGIC, 1,
-                                         static_cast<uint32_t>(events.size()), 1, 1};
-        memcpy(file.data(), &header, sizeof header);
-        for (size_t i = 0; i < events.size(); i++) {
-            persist_event_t record = {};
-            record.id = events[i].first;
-            record.lamport = events[i].second;
-            strcpy(record.subsystem, "old");
-            memcpy(&file[24 + i * 138], &record, sizeof record);
-        }
-        write(CJOURNAL_SNAPSHOT_PATH, file);
+            found.push_back(s.number);
+        return found;
     }
     static void write_snapshot(uint32_t first, uint32_t count) {
-        std::vector<std::pair<uint32_t, uint64_t>> events;
+        snapshot_t events;
         for (uint32_t i = 0; i < count; i++)
             events.emplace_back(first + i, i + 1);
-        write_snapshot(events);
+        JournalVolume::write_snapshot(events);
     }
+    using JournalVolume::write_snapshot;
 };
 
 TEST_F(Journal, TheThresholdStartsASpillDownToItsTarget) {
@@ -315,18 +301,41 @@ TEST_F(Journal, RootsAreSignedWithAKeyThatIsKept) {
     EXPECT_NE(memcmp(key, again, 32), 0);
 }
 
+TEST_F(Journal, AFullVolumeKeepsTheSpillWaitingAndLosesNothing) {
+    wait_for(600);
+    cjournal_spill(10);
+    const auto fill = [](const char* path, uint32_t leave) {
+        uint32_t free = 0;
+        blockfs_df(nullptr, nullptr, &free, nullptr, nullptr, nullptr);
+        write(path, bytes_t((free - leave) * 500));
+    };
+    fill("/filler", 100);
+    const uint32_t waiting = unspilled_events();
+    EXPECT_EQ(cjournal_spill(512), 0);
+    EXPECT_EQ(judge().size(), 1u);
+    EXPECT_GE(unspilled_events(), waiting);
+    blockfs_remove("/filler");
+    int created = 0;
+    while (blockfs_create(("/" + std::to_string(created)).c_str(), BLOCKFS_FILE) >= 0)
+        created++;
+    blockfs_remove("/0");
+    blockfs_remove("/1");
+    EXPECT_EQ(cjournal_spill(10), 0);  // two inodes are free, a segment takes three
+    EXPECT_EQ(judge().size(), 1u);
+    blockfs_remove("/2");
+    EXPECT_EQ(cjournal_spill(10), 10);
+    judge();
+}
+
 TEST_F(Journal, WithoutAVolumeNothingHappens) {
     blockfs_forget();
     said();
     cjournal_init();
     EXPECT_EQ(said(), "[cjournal] no block filesystem — journal disabled\n");
-    uint8_t key[32];
     EXPECT_EQ(cjournal_spill(5) + cjournal_shutdown(), 0);
     EXPECT_EQ(cjournal_spill_through(1), -1);
     EXPECT_EQ(cjournal_rebuild_index(), -1);
     EXPECT_EQ(cjournal_import_legacy(), -1);
-    EXPECT_EQ(cjournal_node_pubkey(key), -1);
-    EXPECT_EQ(cjournal_sign_segment(1), -1);
     cjournal_continue_numbering();
     cjournal_tick();
 }

@@ -58,6 +58,22 @@ protected:
     }
     static bool exists(const std::string& path) { return blockfs_resolve(path.c_str()) >= 0; }
 
+    /// Identifiers and Lamport times of a snapshot's records.
+    using snapshot_t = std::vector<std::pair<uint32_t, uint64_t>>;
+    static void write_snapshot(const snapshot_t& events) {
+        bytes_t file(24 + events.size() * sizeof(persist_event_t));
+        const persist_header_t header = {CJOURNAL_SNAPSHOT_MAGIC, 1,
+                                         static_cast<uint32_t>(events.size()), 1, 1};
+        memcpy(file.data(), &header, sizeof header);
+        for (size_t i = 0; i < events.size(); i++) {
+            persist_event_t record = {};
+            record.id = events[i].first;
+            record.lamport = events[i].second;
+            memcpy(&file[24 + i * sizeof record], &record, sizeof record);
+        }
+        write(CJOURNAL_SNAPSHOT_PATH, file);
+    }
+
     struct segment_t {
         uint32_t number;
         cjournal_header_t header;

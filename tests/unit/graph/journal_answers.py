@@ -25,7 +25,7 @@ def digest(data):
 
 
 def main():
-    for count in (1, 2, 3, 5, 511, 512):
+    for count in (1, 3, 512):
         files = oracle.make_segment(40 + count, [record(i) for i in range(count)], 0xDEADBEEF,
                                     count % 2)
         print(f"    {{{count}," + ",\n     ".join(f'"{digest(data)}"' for data in files) + "},")
