@@ -1,4 +1,4 @@
-// The power button of machines with ACPI fixed hardware (ACPI specification 6.5, 4.8.3.1): where
+// The power button of machines with ACPI fixed hardware (ACPI 6.5, 4.8.3.1): where
 // its registers are, and its interrupt. Without ACPI, or with tables that do not hold together,
 // there is no button and nothing happens.
 #pragma once

@@ -1,5 +1,5 @@
 // The machine's PCI functions, found once at start-up, and access to their configuration registers
-// through configuration mechanism 1 (PCI specification 3.0, 3.2.2.3).
+// through configuration mechanism 1 (PCI 3.0, 3.2.2.3).
 //
 // The table is filled by pci_init and only read afterwards. An access to configuration space is two
 // port accesses under an irq_guard: any context of processor 0.

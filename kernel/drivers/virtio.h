@@ -1,4 +1,4 @@
-// The legacy virtio transport (virtio specification 0.9.5, 2): a device behind I/O ports, and
+// The legacy virtio transport (virtio 0.9.5, 2): a device behind I/O ports, and
 // split rings in memory that it shares with the driver.
 //
 // Kernel memory is identity-mapped, so the address of a buffer is what the device is told. A ring

@@ -1,4 +1,4 @@
-// The disk: a legacy virtio block device (virtio specification 0.9.5, appendix D), polled.
+// The disk: a legacy virtio block device (virtio 0.9.5, appendix D), polled.
 // One request is in progress at a time, under a sleeping mutex that is the last of the storage
 // locks; interrupts stay on while it waits.
 //

@@ -1,4 +1,4 @@
-// The network card: a legacy virtio network device (virtio specification 0.9.5, appendix C),
+// The network card: a legacy virtio network device (virtio 0.9.5, appendix C),
 // polled. Frames are Ethernet II without checksum; 16 receive buffers go round between the card and
 // net_receive. Sending and receiving are each under a sleeping mutex, so that
 // several tasks may do it at once. All events are CAUSAL_IO "net".

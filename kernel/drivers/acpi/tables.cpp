@@ -8,7 +8,7 @@
 namespace {
 
 // The root pointer stands on a 16-byte boundary of the first KiB of the extended BIOS data area,
-// whose segment low memory names, or of the BIOS's own area (ACPI specification 6.5, 5.2.5.1).
+// whose segment low memory names, or of the BIOS's own area (ACPI 6.5, 5.2.5.1).
 constexpr uint32_t EBDA_SEGMENT_AT = 0x40E;
 constexpr uint32_t EBDA_BYTES = 1024;
 constexpr uint32_t EBDA_LOWEST = 0x400;
