@@ -150,8 +150,9 @@ void start_timer() {
 /// Without a volume it does nothing.
 void save_history() {
     for (int i = 0; i < TIMELINE_SLOTS; ++i) {
-        if (timeline_get(i) != nullptr)
-            timeline_persist(i);
+        const timeline_t* tl = timeline_get(i);
+        if (tl != nullptr && timeline_persist(i) != 0 && blockfs_mounted())
+            kprintf("[shutdown] Timeline %s not saved\n", tl->name);
     }
     cjournal_shutdown();
     const int flushed = causal_flush();

@@ -12,6 +12,8 @@
 
 namespace {
 
+/// Fewer new events than these are the echo of the last flush.
+constexpr uint32_t AUTO_FLUSH_NEW_EVENTS = 16;
 constexpr uint64_t LAMPORT_MAX = INT64_MAX;  ///< a higher clock is a damaged one
 
 /// A snapshot file.
@@ -181,7 +183,8 @@ int causal_restore() {
 
 void causal_auto_flush() {
     if (system_ticks - last_flush_tick < CAUSAL_AUTO_FLUSH_TICKS ||
-        causal_ring_used() <= CAUSAL_AUTO_FLUSH_EVENTS || causal_total_events() == last_flush_id)
+        causal_ring_used() <= CAUSAL_AUTO_FLUSH_EVENTS ||
+        causal_total_events() - last_flush_id < AUTO_FLUSH_NEW_EVENTS)
         return;
     // One that fails is not tried again at once.
     if (causal_flush() < 0)

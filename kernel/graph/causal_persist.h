@@ -28,7 +28,8 @@ int causal_flush();
 int causal_restore();
 
 /// Flushes when CAUSAL_AUTO_FLUSH_TICKS have passed since the last flush and the ring holds more
-/// than CAUSAL_AUTO_FLUSH_EVENTS events. To be called periodically; costs nothing otherwise.
+/// than CAUSAL_AUTO_FLUSH_EVENTS events, unless next to nothing has happened since. To be called
+/// periodically; costs nothing otherwise.
 void causal_auto_flush();
 
 /// `cflush`, `crestore`.

@@ -147,7 +147,7 @@ bool timeline_parse_payload(const causal_event_t* ev, uint32_t* sub_type, const 
 
 /// Saves the chain as "/timeline/NAME.tl" and its chunks; a name with "/" gets its directories. The
 /// header is written last, so that a power cut leaves the events saved before, or the new ones. 0,
-/// or -1 when a write failed.
+/// or -1 when a write failed or the volume has too few inodes for it beside a full journal.
 int timeline_persist(int tl_id);
 
 /// Loads a saved timeline: its events are emitted anew. The number of the slot; -1 when the name is

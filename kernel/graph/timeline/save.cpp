@@ -3,14 +3,17 @@
 // grown begins with the same chunks.
 #include "kernel/core/string.h"
 #include "kernel/fs/blockfs.h"
+#include "kernel/graph/cjournal/format.h"
 #include "kernel/graph/timeline/format.h"
 #include "kernel/graph/timeline/internal.h"
 
 namespace {
 
 constexpr uint32_t STALE_CHUNKS_REMOVED = 4;
-/// Inodes that saving leaves to others, the journal above all.
-constexpr uint32_t INODES_LEFT = 32;
+constexpr int NAMES_BYTES = 16641;  // every listing of a volume of 256 inodes
+/// Files of a full journal: segments with their companions, index, key, snapshots.
+constexpr uint32_t JOURNAL_FILES = CJOURNAL_SEGMENTS_MAX * 4 + 4;
+constexpr uint32_t INODES_LEFT = 8;  ///< to others
 
 bool exists(const char* path) { return blockfs_resolve(path) >= 0; }
 
@@ -20,6 +23,14 @@ bool make_directories(const char* name) {
     ksnprintf(path, sizeof path, "%s/%s", TIMELINE_DIRECTORY, name);
     *strrchr(path, '/') = '\0';
     return blockfs_mkdir_p(path) == 0;
+}
+
+/// Inodes that the journal may still need: no history is worth more than the record of all.
+uint32_t journal_inodes() {
+    const auto names = heap_ptr<char>::make(NAMES_BYTES);
+    const int files = names ? blockfs_list(CJOURNAL_DIR, names.get(), NAMES_BYTES) : 0;
+    const auto known = static_cast<uint32_t>(files > 0 ? files : 0);
+    return known < JOURNAL_FILES ? JOURNAL_FILES - known : 0;
 }
 
 /// Whether the volume has inodes for the files that are not there yet.
@@ -35,7 +46,7 @@ bool has_inodes(const char* name, uint32_t chunks) {
     uint32_t free_inodes = 0;
     if (blockfs_df(nullptr, nullptr, nullptr, nullptr, nullptr, &free_inodes) != 0)
         return false;
-    return missing == 0 || missing + 1 + INODES_LEFT <= free_inodes;
+    return missing == 0 || missing + 1 + INODES_LEFT + journal_inodes() <= free_inodes;
 }
 
 /// Writes the events of `ids`; one that is nowhere any more leaves zeros.
