@@ -85,6 +85,10 @@ struct cjournal_segment_file_t {
 [[nodiscard]] bool cjournal_segment_checksum_locked(uint32_t segment, uint32_t* checksum)
     REQUIRES(cjournal_lock);
 
+/// The same with a buffer of the caller's, of any size: it needs no memory.
+[[nodiscard]] bool cjournal_checksum_by_pieces_locked(uint32_t segment, std::span<uint8_t> piece,
+                                                      uint32_t* checksum) REQUIRES(cjournal_lock);
+
 /// The footer's flags: those of a current segment with a valid footer, else 0.
 [[nodiscard]] uint32_t cjournal_segment_flags_locked(const cjournal_segment_file_t& file,
                                                      uint32_t segment) REQUIRES(cjournal_lock);
@@ -123,6 +127,8 @@ struct cjournal_draft_t {
         return reinterpret_cast<cjournal_event_t*>(segment + CJOURNAL_HEADER_SIZE);
     }
     cjournal_header_t* header() { return reinterpret_cast<cjournal_header_t*>(segment); }
+    /// The working space, for reading by pieces while there is no tree.
+    std::span<uint8_t> piece() { return {reinterpret_cast<uint8_t*>(tree), sizeof tree}; }
 };
 
 /// Writes the draft's records as segment `segment`: companions first, the segment file last, each
@@ -209,6 +215,10 @@ void cjournal_list_locked(cjournal_listing_t* listing) REQUIRES(cjournal_lock);
 
 /// Clears away what was left half done; true when a segment is there that the index does not name.
 [[nodiscard]] bool cjournal_recover_locked() REQUIRES(cjournal_lock);
+
+/// The highest identifier that a segment on the volume holds; 0 without one. Where a segment itself
+/// does not tell, its entry in the index file does.
+[[nodiscard]] uint32_t cjournal_highest_archived_locked() REQUIRES(cjournal_lock);
 
 // --- spill and sign ------------------------------------------------------------------------------
 

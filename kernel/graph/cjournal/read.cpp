@@ -1,5 +1,7 @@
 // Segments and their companions, read back. Nothing read is trusted: sizes are checked before
 // buffers are filled, headers before they are used.
+#include <algorithm>
+
 #include "kernel/core/string.h"
 #include "kernel/fs/blockfs.h"
 #include "kernel/graph/cjournal/internal.h"
@@ -107,17 +109,29 @@ int read_segment_events_locked(uint32_t segment, cjournal_event_t* out, int max)
     return static_cast<int>(count);
 }
 
-bool cjournal_segment_checksum_locked(uint32_t segment, uint32_t* checksum) {
+bool cjournal_checksum_by_pieces_locked(uint32_t segment, std::span<uint8_t> piece,
+                                        uint32_t* checksum) {
     cjournal_segment_file_t file;
     if (cjournal_open_segment_locked(segment, &file) != 0)
         return false;
     const uint32_t covered = file.size - file.layout.footer_size;
-    const auto bytes = heap_ptr<uint8_t>::make(covered);
-    if (!bytes ||
-        cjournal_read_exact_retry(file.inode, bytes.get(), 0, covered) != static_cast<int>(covered))
-        return false;
-    *checksum = cjournal_checksum({bytes.get(), covered});
+    uint32_t state = CJOURNAL_FNV_BASIS;
+    for (uint32_t at = 0; at < covered;) {
+        const auto bytes = std::min<uint32_t>(covered - at, piece.size());
+        if (cjournal_read_exact_retry(file.inode, piece.data(), at, bytes) !=
+            static_cast<int>(bytes))
+            return false;
+        state = cjournal_fnv(piece.first(bytes), state);
+        at += bytes;
+    }
+    *checksum = state != 0 ? state : 1;
     return true;
+}
+
+bool cjournal_segment_checksum_locked(uint32_t segment, uint32_t* checksum) {
+    const auto bytes = heap_ptr<uint8_t>::make(CJOURNAL_SEGMENT_BYTES_MAX);
+    return bytes && cjournal_checksum_by_pieces_locked(
+                        segment, {bytes.get(), CJOURNAL_SEGMENT_BYTES_MAX}, checksum);
 }
 
 uint32_t cjournal_segment_flags_locked(const cjournal_segment_file_t& file, uint32_t segment) {

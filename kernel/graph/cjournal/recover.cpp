@@ -20,21 +20,22 @@ struct saved_index_t {
     cjournal_index_header_t header;
     heap_ptr<cjournal_index_entry_t> entries;
 
-    bool names(uint32_t segment) const {
+    const cjournal_index_entry_t* find(uint32_t segment) const {
         for (uint32_t i = 0; valid && i < header.entry_count; i++) {
             if (entries[i].segment_num == segment)
-                return true;
+                return &entries[i];
         }
-        return false;
+        return nullptr;
     }
     bool newer_than_saved(uint32_t segment) const {
         return valid && segment > header.segments_written;
     }
 };
 
-/// Adds the segment files among `names`, one a line.
-void parse_listing(const char* names, cjournal_listing_t* listing) {
-    while (*names != '\0') {
+/// Adds the segment files among `names`, one a line, of which there is room for `room`. A name may
+/// hold line feeds, if the volume was made to.
+void parse_listing(const char* names, cjournal_listing_t* listing, uint32_t room) {
+    while (*names != '\0' && listing->count < room) {
         const char* end = strchr(names, '\n');
         const auto length = static_cast<uint32_t>(end != nullptr ? static_cast<size_t>(end - names)
                                                                  : strlen(names));
@@ -84,12 +85,12 @@ bool read_sound_locked(uint32_t segment, cjournal_draft_t* draft, cjournal_foote
 }
 
 /// The segment does not continue the one before it, which is there.
-bool chain_broken_locked(uint32_t segment, const cjournal_footer_t& footer)
+bool chain_broken_locked(uint32_t segment, cjournal_draft_t* draft, const cjournal_footer_t& footer)
     REQUIRES(cjournal_lock) {
     uint32_t checksum = 0;
     if (segment == 1)
         return footer.prev_checksum != 0;
-    return cjournal_segment_checksum_locked(segment - 1, &checksum) &&
+    return cjournal_checksum_by_pieces_locked(segment - 1, draft->piece(), &checksum) &&
            checksum != footer.prev_checksum;
 }
 
@@ -101,14 +102,14 @@ bool overlaps_previous_locked(uint32_t segment, const cjournal_header_t& header)
 }
 
 /// Nothing of this segment is worth keeping: it was overtaken, or its import never ended.
-bool abandoned_locked(const saved_index_t& saved, uint32_t segment, const cjournal_draft_t& draft,
+bool abandoned_locked(const saved_index_t& saved, uint32_t segment, cjournal_draft_t* draft,
                       const cjournal_footer_t& footer) REQUIRES(cjournal_lock) {
     if (saved.newer_than_saved(segment))
-        return (footer.flags & CJOURNAL_FLAG_IMPORTED) != 0 || chain_broken_locked(segment, footer);
-    cjournal_header_t header;
-    memcpy(&header, draft.segment, sizeof header);
-    return !saved.valid && footer.flags == 0 && overlaps_previous_locked(segment, header) &&
-           chain_broken_locked(segment, footer);
+        return (footer.flags & CJOURNAL_FLAG_IMPORTED) != 0 ||
+               chain_broken_locked(segment, draft, footer);
+    return !saved.valid && footer.flags == 0 &&
+           overlaps_previous_locked(segment, *draft->header()) &&
+           chain_broken_locked(segment, draft, footer);
 }
 
 /// The companions on disk are those of the segment in the draft.
@@ -137,7 +138,7 @@ void settle_segment_locked(const saved_index_t& saved, const cjournal_listed_t& 
             cjournal_remove_segment_locked(segment);
         return;
     }
-    if (abandoned_locked(saved, segment, *draft, footer)) {
+    if (abandoned_locked(saved, segment, draft, footer)) {
         cjournal_remove_segment_locked(segment);
         return;
     }
@@ -148,6 +149,19 @@ void settle_segment_locked(const saved_index_t& saved, const cjournal_listed_t& 
                                 : lacks_companion && !listed.has(cjournal_file_t::signature);
     if (incomplete && cjournal_write_companions_locked(segment, draft) != 0)
         cjournal_remove_companions_locked(segment);
+}
+
+/// The last identifier of a segment, if its last record has it too: a header that was damaged must
+/// not use up the numbers. 0 when it cannot be told.
+uint32_t last_id_locked(uint32_t segment) REQUIRES(cjournal_lock) {
+    cjournal_segment_file_t file;
+    uint32_t id = 0;
+    if (cjournal_open_segment_locked(segment, &file) != 0)
+        return 0;
+    const uint32_t at =
+        CJOURNAL_HEADER_SIZE + (file.header.event_count - 1) * file.layout.event_size;
+    const int got = cjournal_read_exact_retry(file.inode, &id, at, sizeof id);
+    return got == static_cast<int>(sizeof id) && id == file.header.last_id ? id : 0;
 }
 
 }  // namespace
@@ -170,7 +184,7 @@ void cjournal_list_locked(cjournal_listing_t* listing) {
     listing->items = heap_ptr<cjournal_listed_t>::make(static_cast<uint32_t>(lines));
     if (!listing->items)
         return;
-    parse_listing(names.get(), listing);
+    parse_listing(names.get(), listing, static_cast<uint32_t>(lines));
     sort_listing(listing);
 }
 
@@ -188,7 +202,7 @@ bool cjournal_recover_locked() {
                 cjournal_remove_companions_locked(listed.segment);
             continue;
         }
-        if (saved.names(listed.segment))
+        if (saved.find(listed.segment) != nullptr)
             continue;
         unnamed = true;
         if (!draft)
@@ -197,4 +211,22 @@ bool cjournal_recover_locked() {
             settle_segment_locked(saved, listed, draft.get());
     }
     return unnamed;
+}
+
+uint32_t cjournal_highest_archived_locked() {
+    saved_index_t saved = {};
+    saved.valid = cjournal_read_index_locked(&saved.header, &saved.entries);
+    cjournal_listing_t listing;
+    cjournal_list_locked(&listing);
+    uint32_t highest = 0;
+    for (uint32_t i = 0; i < listing.count; i++) {
+        if (!listing.at(i).has(cjournal_file_t::segment))
+            continue;
+        uint32_t last = last_id_locked(listing.at(i).segment);
+        const cjournal_index_entry_t* entry = saved.find(listing.at(i).segment);
+        if (last == 0 && entry != nullptr)
+            last = entry->last_id;
+        highest = last > highest ? last : highest;
+    }
+    return highest;
 }

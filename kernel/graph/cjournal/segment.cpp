@@ -21,13 +21,15 @@ int replace_file(uint32_t segment, cjournal_file_t file, const void* data, uint3
 
 /// The checksum that goes into `segment` as its predecessor's: 0 for segment 1, and when the one
 /// before cannot be read.
-uint32_t previous_checksum_locked(uint32_t segment) REQUIRES(cjournal_lock) {
+uint32_t previous_checksum_locked(uint32_t segment, cjournal_draft_t* draft)
+    REQUIRES(cjournal_lock) {
     uint32_t checksum = 0;
     if (segment <= 1)
         return 0;
     if (cjournal_writer.tail_segment == segment - 1)
         return cjournal_writer.tail_checksum;
-    return cjournal_segment_checksum_locked(segment - 1, &checksum) ? checksum : 0;
+    return cjournal_checksum_by_pieces_locked(segment - 1, draft->piece(), &checksum) ? checksum
+                                                                                      : 0;
 }
 
 /// Header and footer around the records; the size of the file. Its checksum goes to `checksum`.
@@ -37,8 +39,8 @@ uint32_t seal_segment_locked(uint32_t segment, cjournal_draft_t* draft, uint32_t
     *draft->header() = header;
     const uint32_t covered = CJOURNAL_HEADER_SIZE + draft->count * CJOURNAL_EVENT_SIZE;
     *checksum = cjournal_checksum({draft->segment, covered});
-    const cjournal_footer_t footer =
-        cjournal_make_footer(header, segment, *checksum, previous_checksum_locked(segment), flags);
+    const cjournal_footer_t footer = cjournal_make_footer(
+        header, segment, *checksum, previous_checksum_locked(segment, draft), flags);
     memcpy(draft->segment + covered, &footer, sizeof footer);
     return covered + CJOURNAL_FOOTER_SIZE;
 }

@@ -42,32 +42,6 @@ void make_directory() {
         blockfs_create(CJOURNAL_DIR, BLOCKFS_DIRECTORY);
 }
 
-/// The last identifier of a segment, if its last record has it too: a header that was damaged must
-/// not use up the numbers.
-uint32_t last_id_locked(uint32_t segment) REQUIRES(cjournal_lock) {
-    cjournal_segment_file_t file;
-    uint32_t id = 0;
-    if (cjournal_open_segment_locked(segment, &file) != 0)
-        return 0;
-    const uint32_t at =
-        CJOURNAL_HEADER_SIZE + (file.header.event_count - 1) * file.layout.event_size;
-    const int got = cjournal_read_exact_retry(file.inode, &id, at, sizeof id);
-    return got == static_cast<int>(sizeof id) && id == file.header.last_id ? id : 0;
-}
-
-uint32_t highest_archived_locked() REQUIRES(cjournal_lock) {
-    uint32_t highest = 0;
-    cjournal_listing_t listing;
-    cjournal_list_locked(&listing);
-    for (uint32_t i = 0; i < listing.count; i++) {
-        if (!listing.at(i).has(cjournal_file_t::segment))
-            continue;
-        const uint32_t last = last_id_locked(listing.at(i).segment);
-        highest = last > highest ? last : highest;
-    }
-    return highest;
-}
-
 void reset_locked() REQUIRES(cjournal_lock) {
     memset(&cjournal, 0, sizeof cjournal);
     memset(&cjournal_writer, 0, sizeof cjournal_writer);
@@ -130,7 +104,7 @@ void cjournal_continue_numbering() {
         const mutex_guard guard(cjournal_lock);
         reset_locked();
         static_cast<void>(cjournal_recover_locked());
-        highest = highest_archived_locked();
+        highest = cjournal_highest_archived_locked();
     }
     if (!causal_renumber(highest))
         kprintf("[cjournal] WARNING: the numbers of events are used up\n");

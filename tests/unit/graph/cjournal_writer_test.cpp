@@ -158,8 +158,8 @@ TEST_F(Journal, AnIndexThatIsMissingOrDisagreesIsRebuilt) {
     cjournal_spill(560);
     write("/causal/seg-00000009.jnl.bak", {1});
     write("/causal/seg-7.jnl", {1});
-    for (int i = 0; i < 60; i++)
-        write(("/causal/another-file-whose-name-is-long-" + std::to_string(i)).c_str(), {});
+    for (int i = 0; i < 60; i++)  // a long listing, and names that look like several
+        write(("/causal/seg-00000001.hsh\nseg-00000001.ert\nseg-" + std::to_string(i)).c_str(), {});
     const auto check = [&](const char* source) {
         boot();
         EXPECT_STREQ(cjournal_writer.index_source, source);
@@ -224,7 +224,7 @@ TEST_F(Journal, NumberingGoesOnBehindWhatIsArchived) {
     file[19] = 0xF0;
     write(path(last).c_str(), file);
     boot();
-    EXPECT_LT(causal_numbering_base(), top);
+    EXPECT_EQ(causal_numbering_base(), top);
 }
 
 TEST_F(Journal, TheOlderSnapshotIsImportedOnceAndWholly) {

@@ -81,7 +81,7 @@ protected:
         std::vector<cjournal_event_t> records;
     };
 
-    /// All segments, by number; each is checked in itself and against its companions.
+    /// All segments, by number; each has its companions, and no companion stands alone.
     static std::vector<segment_t> segments() {
         std::set<uint32_t> numbers;
         std::istringstream names(list("/causal"));
@@ -93,12 +93,14 @@ protected:
                 continue;
             if (file == cjournal_file_t::segment)
                 numbers.insert(number);
-            else
-                EXPECT_TRUE(file == cjournal_file_t::signature || exists(path(number))) << name;
+            EXPECT_TRUE(file == cjournal_file_t::signature || exists(path(number))) << name;
         }
         std::vector<segment_t> all;
-        for (const uint32_t number : numbers)
+        for (const uint32_t number : numbers) {
+            EXPECT_TRUE(exists(path(number, cjournal_file_t::sidecar))) << number;
+            EXPECT_TRUE(exists(path(number, cjournal_file_t::root))) << number;
             all.push_back(segment(number));
+        }
         return all;
     }
 
@@ -112,28 +114,10 @@ protected:
         s.records.resize(s.header.event_count);
         memcpy(s.records.data(), &file[44], s.records.size() * 175);
         memcpy(&s.footer, &file[file.size() - 48], 48);
-        EXPECT_TRUE(
-            cjournal_check_footer(s.header, number, {175, 48}, std::span(file).last(48),
-                                  cjournal_checksum(std::span(file).first(file.size() - 48))));
-        EXPECT_EQ(cjournal_check_records(s.header, s.records).fault, cjournal_fault_t::none);
-        std::vector<cjournal_hash_t> hashes(s.records.size());
-        for (size_t i = 0; i < hashes.size(); i++)
-            cjournal_record_hash(4, s.records[i], &hashes[i]);
-        const bytes_t sidecar = read(path(number, cjournal_file_t::sidecar).c_str());
-        EXPECT_EQ(sidecar.size(), cjournal_sidecar_bytes(s.header.event_count)) << number;
-        if (sidecar.size() == cjournal_sidecar_bytes(s.header.event_count)) {
-            EXPECT_EQ(memcmp(&sidecar[24], hashes.data(), hashes.size() * 32), 0) << number;
-        }
-        const auto root = cjournal_make_root(s.header, number, cjournal_merkle_root(hashes));
-        const bytes_t stored = read(path(number, cjournal_file_t::root).c_str());
-        EXPECT_EQ(stored.size(), sizeof root) << number;
-        if (stored.size() == sizeof root) {
-            EXPECT_EQ(memcmp(stored.data(), &root, sizeof root), 0) << number;
-        }
         return s;
     }
 
-    /// The journal is sound: segments in themselves, their chain, identifiers without gap or
+    /// The journal is sound: it verifies, with an unbroken chain, identifiers without gap or
     /// repetition (imported ones apart; a single one may run ahead, and the next boot follow it),
     /// and the index, which names them all.
     static std::vector<segment_t> judge() {
@@ -158,19 +142,9 @@ protected:
             EXPECT_EQ(s.header.last_id - s.header.first_id + 1, s.records.size()) << s.number;
             newest = s.header.last_id;
         }
-        const bytes_t index = read(CJOURNAL_INDEX_PATH);
-        const cjournal_state_t& state = *cjournal_state();
-        cjournal_index_header_t header = {};
-        memcpy(&header, index.data(), std::min(index.size(), sizeof header));
-        EXPECT_EQ(index.size(), cjournal_index_bytes(static_cast<uint32_t>(all.size())));
-        EXPECT_EQ(header.entry_count, all.size());
-        EXPECT_EQ(static_cast<size_t>(state.index_count), all.size());
-        EXPECT_EQ(header.last_spilled_id, state.last_spilled_id);
-        EXPECT_EQ(header.segments_written, state.segments_written);
-        uint32_t events = 0;
-        for (const segment_t& s : all)
-            events += s.header.event_count;
-        EXPECT_EQ(header.events_spilled, events);
+        EXPECT_EQ(static_cast<size_t>(cjournal_state()->index_count), all.size());
+        machine_texts().clear();
+        EXPECT_EQ(cjournal_verify(), 0) << machine_texts();
         return all;
     }
 };
