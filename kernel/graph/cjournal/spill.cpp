@@ -22,10 +22,17 @@ uint32_t unspilled_locked() REQUIRES(cjournal_lock) {
     return total > cursor ? total - cursor : 0;
 }
 
-/// Names the events that the ring lost before they were spilled.
-void record_lost_locked(uint32_t first, uint32_t last) REQUIRES(cjournal_lock) {
+/// The last event that is on disk, or belongs to an earlier boot.
+uint32_t written_locked() REQUIRES(cjournal_lock) {
+    const uint32_t base = causal_numbering_base();
+    return cjournal.last_spilled_id < base ? base : cjournal.last_spilled_id;
+}
+
+/// Names the events up to `last` that the ring lost before they were spilled, as one range: also
+/// those that were named before, if nothing was written since.
+void record_lost_locked(uint32_t last) REQUIRES(cjournal_lock) {
     cjournal_writer.lost_through = last;
-    causal_event_fmt(CAUSAL_IO, "cjournal", "lost %u..%u", first, last);
+    causal_event_fmt(CAUSAL_IO, "cjournal", "lost %u..%u", written_locked() + 1, last);
 }
 
 /// Fills the draft with up to `limit` consecutive events from the cursor on. What is missing before
@@ -47,7 +54,7 @@ void fill_draft_locked(cjournal_draft_t* draft, uint32_t limit, uint32_t end)
     }
     const uint32_t first = draft->count > 0 ? draft->records()[0].id : id;
     if (first != start)
-        record_lost_locked(start, first - 1);
+        record_lost_locked(first - 1);
 }
 
 /// Makes room, writes the draft as the next segment and enters it; false when one of it fails. Room
@@ -86,10 +93,8 @@ bool check_is_due() {
 void cjournal_wake() { spill_wanted = true; }
 
 uint32_t cjournal_cursor_locked() {
-    uint32_t cursor = cjournal.last_spilled_id;
-    if (cursor < causal_numbering_base())
-        cursor = causal_numbering_base();
-    return cursor < cjournal_writer.lost_through ? cjournal_writer.lost_through : cursor;
+    const uint32_t written = written_locked();
+    return written < cjournal_writer.lost_through ? cjournal_writer.lost_through : written;
 }
 
 bool cjournal_ring_record(uint32_t id, cjournal_event_t* out) {

@@ -49,18 +49,32 @@ void reset_locked() REQUIRES(cjournal_lock) {
     cjournal_writer.index_source = "none";
 }
 
-/// A boot that ended without a last spill may have spilled single events ahead of the others.
-void record_lost_with_last_boot_locked() REQUIRES(cjournal_lock) {
-    const uint32_t base = causal_numbering_base();
-    uint32_t live = 0;
+/// The last archived event before `id`, imported ones apart; 0 when there is none.
+uint32_t archived_before_locked(uint32_t id) REQUIRES(cjournal_lock) {
+    uint32_t before = 0;
     for (int32_t i = 0; i < cjournal.index_count; i++) {
         const cjournal_entry_t& entry = cjournal.index[i];
-        if ((entry.flags & CJOURNAL_FLAG_IMPORTED) == 0 && entry.last_id > live)
-            live = entry.last_id;
+        if ((entry.flags & CJOURNAL_FLAG_IMPORTED) != 0 || entry.first_id >= id)
+            continue;
+        const uint32_t last = entry.last_id < id ? entry.last_id : id - 1;
+        before = last > before ? last : before;
     }
-    if (live == base && cjournal.last_spilled_id + 1 < live)
-        causal_event_fmt(CAUSAL_IO, "cjournal", "lost %u..%u", cjournal.last_spilled_id + 1,
-                         live - 1);
+    return before;
+}
+
+/// Names the events that the last boot lost without the event that says so reaching the disk: when
+/// it ended while the spill lagged behind, or had spilled single events ahead of the others. What
+/// lies further back than a ring was named then.
+void record_lost_with_last_boot_locked() REQUIRES(cjournal_lock) {
+    for (int32_t i = 0; i < cjournal.index_count; i++) {
+        const cjournal_entry_t& entry = cjournal.index[i];
+        if ((entry.flags & CJOURNAL_FLAG_IMPORTED) != 0 || entry.first_id == 0 ||
+            uint64_t{entry.first_id} + 2 * CAUSAL_RING_SLOTS < causal_numbering_base())
+            continue;
+        const uint32_t before = archived_before_locked(entry.first_id);
+        if (before + 1 < entry.first_id && (before != 0 || entry.segment_num == 1))
+            causal_event_fmt(CAUSAL_IO, "cjournal", "lost %u..%u", before + 1, entry.first_id - 1);
+    }
 }
 
 bool start_locked() REQUIRES(cjournal_lock) {
