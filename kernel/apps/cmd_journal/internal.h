@@ -4,6 +4,8 @@
 
 #include <stdint.h>
 
+#include "kernel/graph/cjournal/format.h"
+
 /// A subcommand.
 using journal_subcommand_fn = void (*)(int argc, char** argv);
 
@@ -32,6 +34,23 @@ void journal_segments(int argc, char** argv);  ///< segments
 void journal_lookup(int argc, char** argv);    ///< lookup <id|first|last>
 void journal_hash(int argc, char** argv);      ///< hash <id|first|last>
 void journal_children(int argc, char** argv);  ///< children <id|first|last> [n]
+
+// The searching side (search.cpp).
+void journal_query(int argc, char** argv);      ///< query <start> <end>
+void journal_lrange(int argc, char** argv);     ///< lrange <start> <end> [n]
+void journal_type(int argc, char** argv);       ///< type <type> [n]
+void journal_schema(int argc, char** argv);     ///< schema <id|name> [n]
+void journal_subsystem(int argc, char** argv);  ///< subsystem <name> [n]
+void journal_recent(int argc, char** argv);     ///< recent [n]
+void journal_find(int argc, char** argv);       ///< find <text> [n]
+void journal_effects(int argc, char** argv);    ///< effects <id|first|last> [depth] [n]
+void journal_count(int argc, char** argv);      ///< count <all|...> ... [--json-ish]
+
+/// The archived event that argv[1] names; prints what is wrong and gives 0 otherwise.
+[[nodiscard]] uint32_t journal_parse_archived(int argc, char** argv);
+
+/// Prints a record as one line.
+void journal_print_record(const cjournal_event_t& record);
 
 /// Reads the segment number in argv[1], or the newest one when `optional` and it is missing; prints
 /// what is wrong otherwise.

@@ -44,8 +44,20 @@ uint32_t last_spill_tick() {
     return cjournal_writer.last_spill_tick;
 }
 
-/// The archived event that argv[1] names; prints what is wrong and gives 0 otherwise.
-uint32_t archived_argument(int argc, char** argv) {
+/// Reads the record that argv[1] names; prints what is wrong otherwise.
+bool record_of_argument(int argc, char** argv, cjournal_event_t* record) {
+    const uint32_t id = journal_parse_archived(argc, argv);
+    if (id == 0)
+        return false;
+    if (cjournal_query_by_id_disk(id, record) == 0)
+        return true;
+    kprintf("journal %s: event #%u is not on disk\n", argv[0], id);
+    return false;
+}
+
+}  // namespace
+
+uint32_t journal_parse_archived(int argc, char** argv) {
     if (argc < 2) {
         kprintf("Usage: journal %s <id|first|last>\n", argv[0]);
         return 0;
@@ -56,25 +68,12 @@ uint32_t archived_argument(int argc, char** argv) {
     return id;
 }
 
-/// Reads the record that argv[1] names; prints what is wrong otherwise.
-bool record_of_argument(int argc, char** argv, cjournal_event_t* record) {
-    const uint32_t id = archived_argument(argc, argv);
-    if (id == 0)
-        return false;
-    if (cjournal_query_by_id_disk(id, record) == 0)
-        return true;
-    kprintf("journal %s: event #%u is not on disk\n", argv[0], id);
-    return false;
-}
-
-void print_record(const cjournal_event_t& record) {
+void journal_print_record(const cjournal_event_t& record) {
     causal_event_t ev;
     cjournal_expand_event(record, &ev);
     kprintf("  [%u] T+%u %s %s: %s\n", ev.id, ev.time.wall_ticks, causal_type_name(ev.type),
             ev.subsystem, ev.desc);
 }
-
-}  // namespace
 
 void journal_status() {
     const totals_t t = add_up();
@@ -109,7 +108,7 @@ void journal_lookup(int argc, char** argv) {
     uint32_t segment = 0;
     if (!record_of_argument(argc, argv, &record))
         return;
-    print_record(record);
+    journal_print_record(record);
     for (uint32_t i = 0; i < record.num_parents && i < CAUSAL_PARENTS_MAX; i++)
         kprintf("    parent %u\n", record.parents[i]);
     if (cjournal_segment_for_event(record.id, &segment) == 0)
@@ -131,7 +130,7 @@ void journal_hash(int argc, char** argv) {
 }
 
 void journal_children(int argc, char** argv) {
-    const uint32_t id = archived_argument(argc, argv);
+    const uint32_t id = journal_parse_archived(argc, argv);
     int wanted = CHILDREN_SHOWN;
     if (id == 0)
         return;
@@ -143,6 +142,6 @@ void journal_children(int argc, char** argv) {
     const auto records = cjournal_records_t::make(static_cast<size_t>(wanted));
     const int count = records ? cjournal_query_children(id, records.get(), wanted) : 0;
     for (int i = 0; i < count; i++)
-        print_record(records[static_cast<size_t>(i)]);
+        journal_print_record(records[static_cast<size_t>(i)]);
     kprintf("%d archived children of event #%u\n", count, id);
 }
