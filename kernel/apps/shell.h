@@ -29,13 +29,17 @@ extern const command_t commands[];
 extern char shell_cwd[SHELL_PATH_BYTES];
 extern char disk_cwd[SHELL_PATH_BYTES];
 
+/// The actor "shell" of the first shell that ran; -1 before.
+extern int shell_actor_id;
+
 /// Forgets history and directories.
 void shell_init(void);
 
 /// The shell's start-up: checklist, banner, then shell_run. Task entry.
 void shell_task(void);
 
-/// Reads lines from the task's terminal and runs them; never returns. Registers nothing else.
+/// Registers the actor "shell" and makes the shells' timeline where they are not there yet, then
+/// reads lines from the task's terminal and runs them; never returns.
 [[noreturn]] void shell_run(void);
 
 /// The next key of the task's terminal, as keyboard_getchar gives it; waits for one.

@@ -27,6 +27,7 @@
 #include "kernel/drivers/virtio_blk.h"
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/ramfs.h"
+#include "kernel/graph/actor.h"
 #include "kernel/graph/causal.h"
 #include "kernel/graph/causal_persist.h"
 #include "kernel/graph/cjournal.h"
@@ -141,6 +142,14 @@ void start_ram_filesystem() {
     kprintf("[boot] RAM filesystem mounted\n");
 }
 
+void start_actors() {
+    constexpr pid_t START_UP = 0;
+    actor_init();
+    actor_register("kernel", START_UP);
+    actor_register("net", START_UP);
+    actor_register("fs", START_UP);
+}
+
 void start_timer() {
     hal_timer_init(TIMER_HZ);
     kprintf("[boot] Timer at %u Hz\n", TIMER_HZ);
@@ -205,6 +214,7 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     start_ram_filesystem();
     start_storage();
     start_timer();
+    start_actors();
     hwrng_init();
     noise_init();
     mail_init();

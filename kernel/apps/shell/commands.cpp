@@ -3,6 +3,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "kernel/apps/cmd_actors.h"
 #include "kernel/apps/cmd_crypto.h"
 #include "kernel/apps/cmd_disk.h"
 #include "kernel/apps/cmd_files.h"
@@ -128,7 +129,12 @@ constinit const command_t commands[] = {
     {"diskfind", cmd_diskfind},
     {"diskcache", cmd_diskcache},
     {"fsck", cmd_fsck},
+    {"aping", cmd_aping},
     {"crash", cmd_crash},
+    {"actors", cmd_actors},
+    {"send", cmd_send},
+    {"actormap", cmd_actormap},
+    {"recv", cmd_recv},
     {"events", cmd_events},
     {"effects", cmd_effects},
     {"blast", cmd_blast},
@@ -141,6 +147,8 @@ constinit const command_t commands[] = {
     {"rewind", cmd_rewind},
     {"replay", cmd_replay},
     {"orphans", cmd_orphans},
+    {"routes", cmd_routes},
+    {"watch", cmd_watch},
     {"timeline", cmd_timeline},
     {"tl", cmd_timeline},
     {"mail", cmd_mail},

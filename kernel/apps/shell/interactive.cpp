@@ -9,10 +9,12 @@
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/keyboard.h"
 #include "kernel/fs/ramfs.h"
+#include "kernel/graph/actor.h"
 #include "kernel/graph/timeline.h"
 
 char shell_cwd[SHELL_PATH_BYTES] = "/";
 char disk_cwd[SHELL_PATH_BYTES] = "/";
+int shell_actor_id = -1;
 
 namespace {
 
@@ -119,6 +121,9 @@ void shell_read_line(const char* prompt, char* line) {
 }
 
 void shell_run(void) {
+    const int actor_id = actor_register("shell", task_getpid());
+    if (actor_id >= 0)
+        shell_actor_id = actor_id;
     if (timeline_find(SHELL_TIMELINE) < 0 && timeline_create(SHELL_TIMELINE, "shell") >= 0)
         kprintf("[shell] Timeline %s created\n", SHELL_TIMELINE);
     print_motd();

@@ -6,18 +6,19 @@
 #include "kernel/core/kprintf.h"
 #include "kernel/core/memory.h"
 #include "kernel/core/smp.h"
+#include "kernel/core/string.h"
 #include "kernel/core/task.h"
 #include "kernel/core/version.h"
 #include "kernel/drivers/console.h"
+#include "kernel/graph/actor.h"
 
 namespace {
 
 constexpr uint32_t BANNER_WAIT_TICKS = 50;
 constexpr uint32_t FRAME_KB = PAGE_SIZE / 1024;
 
-// Nothing registers programs or actors.
+// Nothing registers programs.
 constexpr int PROGRAMS = 0;
-constexpr int ACTORS = 0;
 
 constexpr int CAPTURE_BYTES = 512;
 
@@ -70,6 +71,9 @@ void start_services() {
             {"note add Hello from Vorn boot", "mail send admin Welcome First mail in Vorn!"});
     check_off("Causal event graph started");
     check_off("Timeline framework initialized");
+    char actors[40];
+    ksnprintf(actors, sizeof actors, "Actor system (%d actors registered)", actor_count());
+    check_off(actors);
     run_unseen({"run /home/demo.sl"});
     check_off("Boot scripts executed");
     set_color(CONSOLE_WHITE);
@@ -102,7 +106,7 @@ void print_banner() {
     print_label(CONSOLE_GREY, "    Programs: ");
     kprintf("%d\n", PROGRAMS);
     print_label(CONSOLE_GREY, "  Actors: ");
-    kprintf("%d", ACTORS);
+    kprintf("%d", actor_count());
     print_label(CONSOLE_GREY, "             Uptime: ");
     kprintf("%u ticks", system_ticks);
     print_label(CONSOLE_GREY, "   Type ");
@@ -112,7 +116,12 @@ void print_banner() {
     print_label(CONSOLE_BRIGHT_GREEN, "  Identity  ");
     kprintf("(initializing...)\n");
     print_label(CONSOLE_BRIGHT_GREEN, "  Actors    ");
-    kprintf("%d registered\n", ACTORS);
+    kprintf("%d registered", actor_count());
+    if (actor_route_count() > 0) {
+        print_label(CONSOLE_BRIGHT_GREEN, "    Routes  ");
+        kprintf("%d active", actor_route_count());
+    }
+    kprintf("\n");
     set_color(CONSOLE_GREY);
 }
 

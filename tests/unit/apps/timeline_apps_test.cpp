@@ -4,6 +4,7 @@
 #include "kernel/apps/notes.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/fs/ramfs.h"
+#include "kernel/graph/actor.h"
 #include "kernel/graph/timeline.h"
 #include "tests/unit/fs/volume.h"
 
@@ -15,6 +16,7 @@ protected:
         ASSERT_EQ(mount(), 0);
         fs_init();
         timeline_init();
+        actor_init();
         mail_init();
         notes_init();
         machine_texts().clear();
@@ -88,7 +90,7 @@ TEST_F(TimelineApps, MailIsSentReadAndKept) {
     mail_seed_welcome();
     mail({"send", "eve", std::string(100, 's'), std::string(300, 'b')});
     EXPECT_EQ(mail({"list", "eve"}), "  N [2] T+0 admin -> eve: " + std::string(47, 's') + "\n");
-    EXPECT_NE(mail({"read", "2"}).find(std::string(255, 'b') + "\n"), std::string::npos);
+    EXPECT_NE(mail({"read", "2"}).find("\n\n" + std::string(197, 'b') + "\n"), std::string::npos);
     const uint32_t events = timeline_get(timeline_find("mail"))->event_count;
     mail({"read", "2"});
     EXPECT_EQ(timeline_get(timeline_find("mail"))->event_count, events);  // read once
@@ -96,6 +98,25 @@ TEST_F(TimelineApps, MailIsSentReadAndKept) {
     EXPECT_EQ(mail({"rm", "2"}), "Mail 2 removed\n");
     EXPECT_EQ(mail({"load"}), "Mail loaded\n");
     EXPECT_NE(mail({}).find("    [2] T+0 admin -> eve: sss"), std::string::npos);
+}
+
+TEST_F(TimelineApps, LettersComeFromAnyActor) {
+    const auto post = [](const std::string& letter, uint32_t type = 32) {
+        return actor_send_by_name("mail", type, letter.data(),
+                                  static_cast<uint32_t>(letter.size()));
+    };
+    EXPECT_EQ(post(std::string("pr\x1bg\0admin\0hi\0there\0", 21)), 0);
+    EXPECT_EQ(post(std::string("no\0end\0of\0it", 12)), 0);
+    EXPECT_EQ(post(std::string("three\0texts\0only\0", 17)), 0);
+    EXPECT_EQ(post(std::string("a\0b\0c\0wrong type\0", 17), 33), 0);
+    EXPECT_EQ(post(std::string(256, '\0')), 0);
+    EXPECT_EQ(mail({}), "  N [1] T+0 pr?g -> admin: hi\n  N [2] T+0  -> : \n");
+    while (post("junk") == 0) {
+    }
+    EXPECT_EQ(mail({"send", "eve", "s", "t"}), "Mail 3 sent to eve\n");
+    for (int i = 4; i <= MAIL_MAX; ++i)
+        EXPECT_EQ(mail_send("a", "b", "same", "same"), i);
+    EXPECT_EQ(mail_send("a", "b", "same", "same"), -1);
 }
 
 TEST_F(TimelineApps, TheCommandChangesAndCompares) {
