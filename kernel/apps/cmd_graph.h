@@ -41,6 +41,11 @@ void cmd_blast(int argc, char** argv);
 /// `trace <event_id>`: causes, level by level.
 void cmd_trace(int argc, char** argv);
 
+/// `why <event_id>`, `why -r <event_id|last>`, `why remote_parent [actor]`: one cause a step back
+/// to the root; with the nodes that the events came from; how the newest message of another node
+/// got here.
+void cmd_why(int argc, char** argv);
+
 /// `autopsy <event-id|last>`: causes, effects and a summary.
 void cmd_autopsy(int argc, char** argv);
 

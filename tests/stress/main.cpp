@@ -18,6 +18,7 @@
 #include "kernel/drivers/dmesg.h"
 #include "kernel/drivers/keyboard.h"
 #include "kernel/fs/ramfs.h"
+#include "kernel/graph/actor.h"
 #include "kernel/graph/causal.h"
 #include "tests/stress/stress.h"
 
@@ -163,6 +164,8 @@ void kernel_main(uint32_t, multiboot_info_t* info) {
     fs_init();
     if (fs_reserve(fs_resolve(SHARED_FILE), SHARED_FILE_BYTES) != 0)
         stress_fail("no memory for a file", 0, 0);
+    actor_init();
+    actor_register(SHARED_ACTOR, -1);
     const uint32_t seed = choose_seed(info);
     kprintf("STRESS seed=%u\n", seed);
     stepping_init(seed);

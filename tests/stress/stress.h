@@ -35,6 +35,9 @@ uint32_t preemptions();
 constexpr const char* SHARED_FILE = "/home/demo.sl";
 constexpr uint32_t SHARED_FILE_BYTES = 400;
 
+/// An actor whose mailbox workers share.
+constexpr const char* SHARED_ACTOR = "inbox";
+
 /// Creates the workers; each runs until stop_workers.
 void workers_start();
 

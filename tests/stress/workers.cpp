@@ -15,6 +15,7 @@
 #include "kernel/drivers/keyboard.h"
 #include "kernel/drivers/keyboard_ports.h"
 #include "kernel/fs/ramfs.h"
+#include "kernel/graph/actor.h"
 #include "kernel/graph/causal.h"
 #include "tests/stress/stress.h"
 
@@ -37,11 +38,12 @@ enum kind_t {
     KEYS,
     QUEUES,
     FILES,
+    ACTORS,
     KINDS,
 };
 constexpr std::array<const char*, KINDS> KIND_NAMES = {"heap",     "events", "tokens",  "sleeps",
                                                        "children", "mutex",  "console", "log",
-                                                       "keys",     "queues", "files"};
+                                                       "keys",     "queues", "files",   "actors"};
 std::array<volatile uint32_t, KINDS> done;
 
 uint32_t new_seed() {
@@ -366,6 +368,48 @@ void directory_worker() {
     });
 }
 
+volatile uint32_t messages_sent, messages_taken;
+
+/// Takes a message from the shared mailbox, where every one holds a number twice.
+void take_message() {
+    actor_msg_t msg;
+    if (actor_recv(actor_find(SHARED_ACTOR), &msg) != 0)
+        return;
+    if (msg.len != 8 || memcmp(msg.data, msg.data + 4, 4) != 0)
+        stress_fail("a torn message", msg.len, msg.data[0]);
+    __atomic_add_fetch(&messages_taken, 1, __ATOMIC_RELAXED);
+}
+
+/// Two of these send to one mailbox and take from it, and come and go as actors themselves.
+void actor_worker() {
+    char name[ACTOR_NAME_SIZE];
+    ksnprintf(name, sizeof name, "w%d", task_getpid());
+    work(ACTORS, [&](uint32_t* seed) {
+        const uint32_t number[] = {*seed, *seed};
+        const int self = actor_register(name, task_getpid());
+        if (self < 0 || actor_watch(self, actor_find(SHARED_ACTOR)) != 0)
+            stress_fail("an actor found no place", static_cast<uint32_t>(self), 0);
+        if (actor_send(actor_find(SHARED_ACTOR), 1, number, sizeof number) == 0)
+            __atomic_add_fetch(&messages_sent, 1, __ATOMIC_RELAXED);
+        if (krng(seed) % 8 != 0)
+            take_message();
+        if (actor_send_by_name(name, 1, nullptr, 0) != 0)
+            stress_fail("an actor did not reach itself", static_cast<uint32_t>(self), 0);
+        actor_unregister(self);
+    });
+}
+
+/// Nothing but the shared actor is left, with the messages that nobody took.
+void verify_actors() {
+    actor_stats_t shared;
+    actor_get_stats(actor_find(SHARED_ACTOR), &shared);
+    if (messages_sent != messages_taken + shared.mailbox_depth)
+        stress_fail("messages were lost", messages_sent, messages_taken);
+    if (actor_count() != 2 || actor_route_count() != 2 ||
+        actor_get(actor_find(SHARED_ACTOR))->watcher_count != 0)
+        stress_fail("the registry is not level", static_cast<uint32_t>(actor_count()), 0);
+}
+
 }  // namespace
 
 void feed_key() {
@@ -416,6 +460,8 @@ void workers_start() {
         {FILES, file_worker},
         {FILES, file_worker},
         {FILES, directory_worker},
+        {ACTORS, actor_worker},
+        {ACTORS, actor_worker},
     };
     for (const worker_t& w : WORKERS) {
         __atomic_add_fetch(&workers_alive, 1, __ATOMIC_RELAXED);
@@ -445,6 +491,7 @@ void workers_verify() {
         stress_fail("tokens were lost", tokens.given, tokens.taken);
     if (children_made != children_ended)
         stress_fail("children were lost", children_made, children_ended);
+    verify_actors();
 }
 
 void verify_events() {

@@ -17,14 +17,16 @@ def test_start_ends_in_the_banner_and_a_prompt(machine):
     assert items == ["Memory manager (PMM + VMM)", "Interrupt controller (PIC/PIT @ 100Hz)",
                      "Task scheduler (8 priorities, preemptive)", "RAM filesystem mounted at /",
                      "Initial filesystem populated", "Causal event graph started",
-                     "Timeline framework initialized", "Boot scripts executed"]
+                     "Timeline framework initialized", "Actor system (5 actors registered)",
+                     "Boot scripts executed"]
     assert "\r\n  Boot complete.\r\n\r\n" in before
     screen = one.vga_text()
     assert not any("booting services" in line for line in screen)
     assert "█" in screen[1] and screen[7] == "    Distributed Actor Operating System"
     assert re.fullmatch(r"  Kernel: Vorn x86-32    Memory: 127 MB    Programs: 0", screen[9])
-    assert re.fullmatch(r"  Actors: 0 {13}Uptime: \d+ ticks   Type 'help' for commands", screen[10])
-    assert screen[12:14] == ["  Identity  (initializing...)", "  Actors    0 registered"]
+    assert re.fullmatch(r"  Actors: 5 {13}Uptime: \d+ ticks   Type 'help' for commands", screen[10])
+    assert screen[12:14] == ["  Identity  (initializing...)",
+                             "  Actors    5 registered    Routes  5 active"]
     assert screen[14:17] == ["[shell] Timeline shell/0 created",
                              "Try: programs, dmesg 5, events, status, showcase", "vorn:/$"]
 

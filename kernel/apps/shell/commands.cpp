@@ -140,6 +140,7 @@ constinit const command_t commands[] = {
     {"blast", cmd_blast},
     {"autopsy", cmd_autopsy},
     {"trace", cmd_trace},
+    {"why", cmd_why},
     {"cpath", cmd_cpath},
     {"cdot", cmd_cdot},
     {"graph", cmd_graph},

@@ -60,6 +60,13 @@ TEST_F(GraphCommands, BadIdentifiersGetTheirLine) {
         {cmd_blast, {"-1"}, "blast: invalid event id '-1'\n"},
         {cmd_trace, {"0"}, "trace: invalid event id '0'\n"},
         {cmd_trace, {"4294967295"}, "trace: event 4294967295 not found\n"},
+        {cmd_why, {}, "Usage: why <event_id>\n"},
+        {cmd_why, {"0"}, "why: invalid event id '0'\n"},
+        {cmd_why, {"last"}, "why: invalid event id 'last'\n"},
+        {cmd_why, {"9999"}, "Causal chain for event 9999:\n  Event 9999 not found\n"},
+        {cmd_why, {"-r"}, "usage: why -r <event-id|last>\n"},
+        {cmd_why, {"-r", "x"}, "why -r: invalid event id 'x'\n"},
+        {cmd_why, {"remote_parent"}, "why remote_parent: no remote parent chain recorded\n"},
         {cmd_autopsy, {}, "Usage: autopsy <event-id|last>\n"},
         {cmd_autopsy, {"first"}, "autopsy: invalid event id 'first'\n"},
         {cmd_cpath, {"1"}, "Usage: cpath <ancestor-id> <descendant-id> | cpath common <a> <b>\n"},
@@ -226,6 +233,36 @@ TEST_F(GraphCommands, GraphHealthRatesConnectivity) {
     EXPECT_TRUE(run(cmd_graph_health).ends_with("  Connectivity: 0% (poor)\n"));
     chain(1, 4);
     EXPECT_TRUE(run(cmd_graph_health).ends_with("  Connectivity: 80% (excellent)\n"));
+}
+
+TEST_F(GraphCommands, WhyFollowsTheCauseFromAnotherSubsystem) {
+    const uint32_t net = emit({777}, "packet", CAUSAL_NET, "net");
+    const uint32_t sched = emit({1}, "ready", CAUSAL_SCHED, "sched");
+    const uint32_t both = emit({sched, net}, "switch", CAUSAL_SCHED, "sched");
+    const uint32_t last = emit({both}, "run", CAUSAL_SCHED, "sched");
+    EXPECT_EQ(run(cmd_why, {str(last)}), "Causal chain for event " + str(last) + ":\n├─ [" +
+                                             str(last) + "] T+0 sched: run\n  ├─ [" + str(both) +
+                                             "] T+0 sched: switch\n    ╰→ [" + str(net) +
+                                             "] T+0 net: packet\n  (root cause)\n");
+
+    const std::string hops = run(cmd_why, {str(chain(last, 20))});
+    EXPECT_EQ(count(hops, "├─ "), 16);
+    EXPECT_TRUE(hops.ends_with("  ... (max depth reached)\n"));
+    EXPECT_TRUE(run(cmd_why, {str(chain(emit(), 15))}).ends_with("  (root cause)\n"));
+
+    causal_set_node_hash(0xA);
+    const uint32_t alien =
+        causal_emit_remote(CAUSAL_MESH, "mesh", "far", nullptr, 0, nullptr, 0, 0xBEEF);
+    emit({alien}, "near");
+    EXPECT_EQ(run(cmd_why, {"-r", "last"}),
+              "Causal chain for event " + str(alien + 1) +
+                  " (with origin nodes):\n  local node: 0000000a\n  [" + str(alien + 1) +
+                  "] T+0 test: near   origin=local\n  [" + str(alien) +
+                  "] T+0 mesh: far   origin=node:0000beef\n      ^-- remote boundary (event "
+                  "imported from another node)\n  (root cause)\nnote: federation imports events "
+                  "individually, so remote ancestors beyond an imported event may not be present "
+                  "locally.\n");
+    EXPECT_EQ(count(run(cmd_why, {"-r", str(both)}), "all displayed hops"), 1);
 }
 
 }  // namespace
