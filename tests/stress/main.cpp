@@ -17,10 +17,11 @@
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/dmesg.h"
 #include "kernel/drivers/keyboard.h"
+#include "kernel/drivers/pci.h"
 #include "kernel/fs/ramfs.h"
 #include "kernel/graph/actor.h"
 #include "kernel/graph/causal.h"
-#include "tests/stress/stress.h"
+#include "tests/stress/work.h"
 
 volatile bool stop_workers;
 volatile uint32_t workers_alive;
@@ -166,6 +167,8 @@ void kernel_main(uint32_t, multiboot_info_t* info) {
         stress_fail("no memory for a file", 0, 0);
     actor_init();
     actor_register(SHARED_ACTOR, -1);
+    pci_init();
+    storage_start();
     const uint32_t seed = choose_seed(info);
     kprintf("STRESS seed=%u\n", seed);
     stepping_init(seed);

@@ -14,36 +14,12 @@
 #include "kernel/drivers/dmesg.h"
 #include "kernel/drivers/keyboard.h"
 #include "kernel/drivers/keyboard_ports.h"
+#include "kernel/fs/blockfs.h"
 #include "kernel/fs/ramfs.h"
 #include "kernel/graph/actor.h"
 #include "kernel/graph/causal.h"
-#include "tests/stress/stress.h"
+#include "tests/stress/work.h"
 
-namespace {
-
-constexpr int WORKER_PRIORITY = 4;
-constexpr uint32_t WORK_EXPECTED = 100;  // steps of each kind
-constexpr uint32_t PAYLOAD_WORDS = 20;
-constexpr const char* SUBSYSTEM = "stress";
-
-enum kind_t {
-    HEAP,
-    EVENTS,
-    TOKENS,
-    SLEEPS,
-    CHILDREN,
-    MUTEX,
-    CONSOLE,
-    LOG,
-    KEYS,
-    QUEUES,
-    FILES,
-    ACTORS,
-    KINDS,
-};
-constexpr std::array<const char*, KINDS> KIND_NAMES = {"heap",     "events", "tokens",  "sleeps",
-                                                       "children", "mutex",  "console", "log",
-                                                       "keys",     "queues", "files",   "actors"};
 std::array<volatile uint32_t, KINDS> done;
 
 uint32_t new_seed() {
@@ -51,17 +27,16 @@ uint32_t new_seed() {
     return __atomic_add_fetch(&seeds, 0x9E3779B9u, __ATOMIC_RELAXED);
 }
 
-/// Runs `step` over and over, single-stepped, until the workers shall stop.
-template <typename Step>
-void work(kind_t kind, Step step) {
-    uint32_t seed = new_seed();
-    step_me();
-    while (!stop_workers) {
-        step(&seed);
-        __atomic_add_fetch(&done[kind], 1, __ATOMIC_RELAXED);
-    }
-    __atomic_sub_fetch(&workers_alive, 1, __ATOMIC_RELAXED);
-}
+namespace {
+
+constexpr uint32_t WORK_EXPECTED = 100;  // steps of each kind
+constexpr uint32_t WORK_EXPECTED_ON_DISK = 4;
+constexpr uint32_t PAYLOAD_WORDS = 20;
+constexpr const char* SUBSYSTEM = "stress";
+
+constexpr std::array<const char*, KINDS> KIND_NAMES = {
+    "heap", "events", "tokens", "sleeps", "children",  "mutex",  "console", "log",
+    "keys", "queues", "files",  "actors", "timelines", "volume", "journal"};
 
 void heap_worker() {
     struct block_t {
@@ -328,11 +303,12 @@ void key_worker() {
     });
 }
 
+pid_t first_worker;  // the others follow
+
 /// Moves other workers, wherever they are queued just now.
 void queue_worker() {
     work(QUEUES, [](uint32_t* seed) {
-        constexpr uint32_t FIRST_WORKER = 2;  // pids 0 and 1 are boot and idle
-        task_t* t = task_find_by_pid(static_cast<pid_t>(FIRST_WORKER + krng(seed) % 22));
+        task_t* t = task_find_by_pid(first_worker + static_cast<pid_t>(krng(seed) % 22));
         if (t == nullptr)
             return;
         task_set_priority(t->pid, WORKER_PRIORITY + static_cast<int>(krng(seed) % 2));
@@ -462,11 +438,21 @@ void workers_start() {
         {FILES, directory_worker},
         {ACTORS, actor_worker},
         {ACTORS, actor_worker},
+        {TIMELINES, timeline_worker},
+        {TIMELINES, timeline_worker},
+        {VOLUME, volume_worker},
+        {VOLUME, volume_worker},
+        {JOURNAL, journal_worker},
     };
     for (const worker_t& w : WORKERS) {
+        if (w.kind >= FIRST_ON_DISK && !blockfs_mounted())
+            continue;
         __atomic_add_fetch(&workers_alive, 1, __ATOMIC_RELAXED);
-        if (task_create(KIND_NAMES[w.kind], w.entry, WORKER_PRIORITY) == nullptr)
+        const task_t* task = task_create(KIND_NAMES[w.kind], w.entry, WORKER_PRIORITY);
+        if (task == nullptr)
             stress_fail("no task for a worker", w.kind, 0);
+        if (first_worker == 0)
+            first_worker = task->pid;
     }
 }
 
@@ -484,7 +470,10 @@ void workers_release() {
 void workers_verify() {
     for (uint32_t kind = 0; kind < KINDS; ++kind) {
         kprintf("STRESS %s: %u\n", KIND_NAMES[kind], done[kind]);
-        if (done[kind] < WORK_EXPECTED)
+        const bool on_disk = kind >= FIRST_ON_DISK;
+        if (on_disk && !blockfs_mounted())
+            continue;
+        if (done[kind] < (on_disk ? WORK_EXPECTED_ON_DISK : WORK_EXPECTED))
             stress_fail("too little work was done", kind, done[kind]);
     }
     if (tokens.given != tokens.taken + tokens.waiting)
@@ -492,6 +481,7 @@ void workers_verify() {
     if (children_made != children_ended)
         stress_fail("children were lost", children_made, children_ended);
     verify_actors();
+    verify_storage();
 }
 
 void verify_events() {

@@ -144,7 +144,7 @@ TEST_F(Shell, HelpNamesTheCommands) {
     EXPECT_EQ(std::count(help.begin(), help.end(), '\n'), 3 + 114 + 22 + 4);
     const std::string unlisted =
         " tail wc mv less echo exit logout cpath cdot crypto random schema journal attest capsule"
-        " diskwc diskcmp diskpwd diskrw diskfind diskmv fsck";
+        " diskwc diskcmp diskpwd diskrw diskfind diskmv fsck actormap";
     for (const command_t* command = commands; command->name != nullptr; ++command)
         EXPECT_NE((help + unlisted).find(std::string(" ") + command->name), std::string::npos);
 }
