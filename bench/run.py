@@ -46,6 +46,7 @@ RATES = {
     "vofs-read-8M": ("MB/s", 8388608 / 1e6),
     "vofs-create-1K-delete": ("files/s", 1),
     "vofs-mount-255": ("mounts/s", 1),
+    "journal-archived-lookup": ("lookups/s", 1),
 }
 # name: (the disk's own rate in the same run, aimed share of it); (None, aimed rate)
 DISK_SHARES = {
@@ -53,6 +54,7 @@ DISK_SHARES = {
     "vofs-read-8M": ("disk-read-64K", 0.8),
     "vofs-create-1K-delete": (None, 300),
     "vofs-mount-255": (None, 5),
+    "journal-archived-lookup": ("disk-read-512", 0.5),
 }
 # The device syncs every write in the first mode and none in the second.
 CACHE_MODES = ("writeback", "unsafe")

@@ -80,6 +80,10 @@ struct cjournal_segment_file_t {
 [[nodiscard]] int read_segment_events_locked(uint32_t segment, cjournal_event_t* out, int max)
     REQUIRES(cjournal_lock);
 
+/// The record at `position` of an opened segment, in the current form; 0 or -1.
+[[nodiscard]] int read_segment_event_locked(const cjournal_segment_file_t& file, uint32_t position,
+                                            cjournal_event_t* out) REQUIRES(cjournal_lock);
+
 /// The checksum over a segment's header and records as stored; false when it cannot be read.
 /// Takes a heap block of the segment's size.
 [[nodiscard]] bool cjournal_segment_checksum_locked(uint32_t segment, uint32_t* checksum)

@@ -1,4 +1,6 @@
-// Archived events by number and by parent: what the store asks for.
+// Archived events by number and by parent: what the store asks for. Identifiers of a segment run
+// without gaps, so that the place of a record is known and it alone is read; where it is not found
+// there (an imported segment, a damaged one), the whole segment is.
 #include "kernel/graph/cjournal/internal.h"
 
 namespace {
@@ -11,12 +13,24 @@ int read_entry_locked(const cjournal_entry_t& entry, const cjournal_records_t& r
     return count > 0 ? count : 0;
 }
 
-bool find_in_entry_locked(const cjournal_entry_t& entry, uint32_t id,
-                          const cjournal_records_t& records, cjournal_event_t* out)
+/// Looks where the record stands when no identifier is missing before it.
+bool find_in_place_locked(const cjournal_entry_t& entry, uint32_t id, cjournal_event_t* out)
     REQUIRES(cjournal_lock) {
-    const int count = read_entry_locked(entry, records);
+    cjournal_segment_file_t file;
+    if (cjournal_open_segment_locked(entry.segment_num, &file) != 0 || id < file.header.first_id)
+        return false;
+    return read_segment_event_locked(file, id - file.header.first_id, out) == 0 && out->id == id;
+}
+
+bool find_in_entry_locked(const cjournal_entry_t& entry, uint32_t id, cjournal_records_t* records,
+                          cjournal_event_t* out) REQUIRES(cjournal_lock) {
+    if (find_in_place_locked(entry, id, out))
+        return true;
+    if (!*records)
+        *records = cjournal_records_t::make(CJOURNAL_SEGMENT_EVENTS);
+    const int count = *records ? read_entry_locked(entry, *records) : 0;
     for (int i = 0; i < count; i++) {
-        const cjournal_event_t& record = records[static_cast<size_t>(i)];
+        const cjournal_event_t& record = (*records)[static_cast<size_t>(i)];
         if (record.id != id)
             continue;
         *out = record;
@@ -33,9 +47,7 @@ bool find_locked(uint32_t id, bool imported, cjournal_records_t* records, cjourn
         if (!entry.active || ((entry.flags & CJOURNAL_FLAG_IMPORTED) != 0) != imported ||
             id < entry.first_id || id > entry.last_id)
             continue;
-        if (!*records)
-            *records = cjournal_records_t::make(CJOURNAL_SEGMENT_EVENTS);
-        if (*records && find_in_entry_locked(entry, id, *records, out))
+        if (find_in_entry_locked(entry, id, records, out))
             return true;
     }
     return false;

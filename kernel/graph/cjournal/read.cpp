@@ -109,6 +109,17 @@ int read_segment_events_locked(uint32_t segment, cjournal_event_t* out, int max)
     return static_cast<int>(count);
 }
 
+int read_segment_event_locked(const cjournal_segment_file_t& file, uint32_t position,
+                              cjournal_event_t* out) {
+    uint8_t stored[CJOURNAL_EVENT_SIZE];
+    const uint32_t size = file.layout.event_size;
+    if (size > sizeof stored || position >= file.header.event_count)
+        return -1;
+    const int got =
+        cjournal_read_exact_retry(file.inode, stored, CJOURNAL_HEADER_SIZE + position * size, size);
+    return got == static_cast<int>(size) && cjournal_convert_record({stored, size}, out) ? 0 : -1;
+}
+
 bool cjournal_checksum_by_pieces_locked(uint32_t segment, std::span<uint8_t> piece,
                                         uint32_t* checksum) {
     cjournal_segment_file_t file;
