@@ -104,8 +104,8 @@ def test_without_a_disk_every_subcommand_says_something_and_changes_nothing(mach
     for words, wanted in (("spill", "Spilled 0 events"), ("verify", "journal verify: failed"),
                           ("sign 1", "journal sign: segment 1 signing key unavailable"),
                           ("verify-sig 1", "signing key unavailable"),
-                          ("sign", "Usage: journal sign"), ("lookup last", "no archived"),
-                          ("verify-segment x", "invalid segment 'x'"),
+                          ("sign", "Usage: journal sign"), ("lookup last", "no disk"),
+                          ("verify-segment x", "no disk"), ("json footer 1", "no disk"),
                           ("nonsense", "Usage: journal [segments|index|")):
         assert wanted in one.run(f"journal {words}"), words
     assert one.run("attest 0") == "attest: cannot resolve event '0'\n"

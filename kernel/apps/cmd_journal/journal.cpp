@@ -4,7 +4,6 @@
 #include "kernel/apps/cmd_journal/internal.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
-#include "kernel/graph/cjournal.h"
 
 namespace {
 
@@ -21,58 +20,121 @@ constexpr const char* USAGE =
     "[--json-ish]|spill [n]|spill-through <id>|import-legacy|rebuild|verify|verify-segment <n>|"
     "retention]\n";
 
-struct subcommand_t {
+/// A name with its arguments, how many of them there are, and whether nothing works without a disk.
+struct usage_t {
     const char* name;
+    const char* arguments;
+    uint8_t least, most;
+    bool needs_disk;
+};
+
+struct subcommand_t {
+    usage_t usage;
     journal_subcommand_fn run;
 };
 
-constexpr subcommand_t SUBCOMMANDS[] = {
-    {"segments", journal_segments},
-    {"epoch-proof", journal_epoch_proof},
-    {"pubkey", journal_pubkey},
-    {"sign", journal_sign},
-    {"verify-sig", journal_verify_sig},
-    {"sign-test", journal_sign_test},
-    {"sign-all", journal_sign_all},
-    {"trust-health", journal_trust_health},
-    {"read-retry-test", journal_read_retry_test},
-    {"hash", journal_hash},
-    {"lookup", journal_lookup},
-    {"children", journal_children},
-    {"effects", journal_effects},
-    {"query", journal_query},
-    {"lrange", journal_lrange},
-    {"type", journal_type},
-    {"schema", journal_schema},
-    {"subsystem", journal_subsystem},
-    {"recent", journal_recent},
-    {"find", journal_find},
-    {"count", journal_count},
-    {"spill", journal_spill},
-    {"spill-through", journal_spill_through},
-    {"import-legacy", journal_import_legacy},
-    {"rebuild", journal_rebuild},
-    {"verify", journal_verify},
-    {"verify-segment", journal_verify_segment},
-    {"retention", journal_retention},
+struct view_t {
+    usage_t usage;
+    journal_view_fn show;
 };
 
-}  // namespace
+constexpr subcommand_t SUBCOMMANDS[] = {
+    {{"pubkey", "", 0, 0, false}, journal_pubkey},
+    {{"sign", "<segment>", 1, 1, false}, journal_sign},
+    {{"sign-test", "", 0, 0, false}, journal_sign_test},
+    {{"sign-all", "", 0, 0, false}, journal_sign_all},
+    {{"hash-sidecar-test", "[n]", 0, 1, true}, journal_hash_sidecar_test},
+    {{"checksum-test", "[n]", 0, 1, true}, journal_checksum_test},
+    {{"hash-legacy-test", "[n]", 0, 1, true}, journal_hash_legacy_test},
+    {{"record-compat-test", "", 0, 0, true}, journal_record_compat_test},
+    {{"readthrough-test", "", 0, 0, true}, journal_readthrough_test},
+    {{"hash-readthrough-test", "", 0, 0, true}, journal_hash_readthrough_test},
+    {{"readthrough-effects-test", "", 0, 0, true}, journal_readthrough_effects_test},
+    {{"readthrough-parents-test", "", 0, 0, true}, journal_readthrough_parents_test},
+    {{"spill", "[n]", 0, 1, false}, journal_spill},
+    {{"spill-through", "<event-id>", 1, 1, false}, journal_spill_through},
+    {{"import-legacy", "", 0, 0, false}, journal_import_legacy},
+    {{"rebuild", "", 0, 0, false}, journal_rebuild},
+    {{"verify", "", 0, 0, false}, journal_verify},
+    {{"retention", "[set <segments <1-32>|bytes <KiB>>|reset]", 0, 3, false}, journal_retention},
+};
 
-bool journal_parse_segment(int argc, char** argv, bool optional, uint32_t* segment) {
-    if (argc < 2 && optional) {
-        *segment = cjournal_state()->segments_written;
-        return true;
-    }
-    if (argc < 2) {
-        kprintf("Usage: journal %s <segment>\n", argv[0]);
+constexpr view_t VIEWS[] = {
+    {{"status", "", 0, 0, false}, journal_status},
+    {{"segments", "", 0, 0, true}, journal_segments},
+    {{"index", "", 0, 0, true}, journal_index},
+    {{"proof-health", "", 0, 0, true}, journal_proof_health},
+    {{"footer", "<n>", 1, 1, true}, journal_footer},
+    {{"hash-sidecar", "<n> [full]", 1, 2, true}, journal_hash_sidecar},
+    {{"epoch-root", "<n> [full]", 1, 2, true}, journal_epoch_root},
+    {{"epoch-proof", "<n> <event|first|last> [full|json-ish]", 2, 3, true}, journal_epoch_proof},
+    {{"verify-sig", "<n>", 1, 1, false}, journal_verify_sig},
+    {{"trust-health", "", 0, 0, false}, journal_trust_health},
+    {{"read-retry-test", "[n]", 0, 1, true}, journal_read_retry_test},
+    {{"verify-segment", "<n>", 1, 1, true}, journal_verify_segment},
+    {{"hash", "<id|first|last>", 1, 1, true}, journal_hash},
+    {{"lookup", "<id|first|last>", 1, 1, true}, journal_lookup},
+    {{"trace", "<id|first|last>", 1, 1, true}, journal_trace},
+    {{"children", "<id|first|last> [n]", 1, 2, true}, journal_children},
+    {{"effects", "<id|first|last> [depth] [n]", 1, 3, true}, journal_effects},
+    {{"query", "<start> <end>", 2, 2, true}, journal_query},
+    {{"lrange", "<start> <end> [n]", 2, 3, true}, journal_lrange},
+    {{"type", "<type> [n]", 1, 2, true}, journal_type},
+    {{"schema", "<id|name> [n]", 1, 2, true}, journal_schema},
+    {{"subsystem", "<name> [n]", 1, 2, true}, journal_subsystem},
+    {{"recent", "[n]", 0, 1, true}, journal_recent},
+    {{"find", "<text> [n]", 1, 2, true}, journal_find},
+    {{"count", "<all|range|lrange|segment|type|schema|subsystem|find> ... [--json-ish]", 1, 4,
+      true},
+     journal_count},
+};
+
+/// The arguments are as many as they must be, and there is a disk where one is needed; prints what
+/// is wrong otherwise.
+bool may_run(const usage_t& usage, int arguments) {
+    if (arguments < usage.least || arguments > usage.most) {
+        kprintf("Usage: journal %s%s%s\n", usage.name, *usage.arguments != '\0' ? " " : "",
+                usage.arguments);
         return false;
     }
-    if (safe_parse_uint(argv[1], segment) == 0)
-        return true;
-    kprintf("journal %s: invalid segment '%s'\n", argv[0], argv[1]);
-    return false;
+    const bool runs = !usage.needs_disk || cjournal_state()->disk_available;
+    if (!runs)
+        kprintf("journal %s: no disk\n", usage.name);
+    return runs;
 }
+
+template <typename entry_t, size_t count>
+const entry_t* find(const entry_t (&table)[count], const char* name) {
+    for (const entry_t& entry : table) {
+        if (strcmp(name, entry.usage.name) == 0)
+            return &entry;
+    }
+    return nullptr;
+}
+
+/// Shows what argv[0] names, as the form says.
+void show(const view_t& view, journal_form_t form, int argc, char** argv) {
+    if (may_run(view.usage, argc - 1))
+        view.show(form, argc, argv);
+}
+
+/// `journal json ...` and `journal long ...`.
+void show_records(journal_form_t form, int argc, char** argv) {
+    const view_t* view = argc >= 2 ? find(VIEWS, argv[1]) : nullptr;
+    if (view != nullptr) {
+        show(*view, form, argc - 1, argv + 1);
+        return;
+    }
+    kprintf("Usage: journal %s <", argv[0]);
+    const char* separator = "";
+    for (const view_t& known : VIEWS) {
+        kprintf("%s%s", separator, known.usage.name);
+        separator = "|";
+    }
+    kprintf("> ...\n");
+}
+
+}  // namespace
 
 void cmd_journal(int argc, char** argv) {
     if (!cjournal_state()->initialized) {
@@ -80,14 +142,19 @@ void cmd_journal(int argc, char** argv) {
         return;
     }
     if (argc < 2) {
-        journal_status();
+        journal_status(journal_form_t::text, argc, argv);
         return;
     }
-    for (const subcommand_t& subcommand : SUBCOMMANDS) {
-        if (strcmp(argv[1], subcommand.name) != 0)
-            continue;
-        subcommand.run(argc - 1, argv + 1);
-        return;
+    argc--;
+    argv++;
+    if (strcmp(argv[0], "json") == 0 || strcmp(argv[0], "long") == 0) {
+        show_records(*argv[0] == 'j' ? journal_form_t::record : journal_form_t::full, argc, argv);
+    } else if (const view_t* view = find(VIEWS, argv[0])) {
+        show(*view, journal_form_t::text, argc, argv);
+    } else if (const subcommand_t* subcommand = find(SUBCOMMANDS, argv[0])) {
+        if (may_run(subcommand->usage, argc - 1))
+            subcommand->run(argc, argv);
+    } else {
+        kprint_text(USAGE);
     }
-    kprint_text(USAGE);
 }

@@ -1,14 +1,15 @@
-// `journal`'s searches: each prints the records it finds, oldest first, and their number.
+// `journal`'s searches: each prints the records it finds, oldest first; as a text also their
+// number.
 #include "kernel/apps/cmd_journal/internal.h"
-#include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/graph/causal_schema.h"
-#include "kernel/graph/cjournal/internal.h"
 
 namespace {
 
 constexpr int SHOWN_DEFAULT = 20;
 constexpr int DEPTH_DEFAULT = 3;
+constexpr const char* COUNT_ARGUMENTS =
+    "<all|range|lrange|segment|type|schema|subsystem|find> ... [--json-ish]";
 
 /// Reads an optional count of 1 to CJOURNAL_QUERY_MAX; prints what is wrong otherwise.
 bool parse_count(int argc, char** argv, int at, int* count) {
@@ -24,21 +25,11 @@ bool parse_count(int argc, char** argv, int at, int* count) {
 }
 
 /// Reads two numbers; prints what is wrong otherwise.
-bool parse_range(int argc, char** argv, const char* usage, uint32_t* start, uint32_t* end) {
-    if (argc < 3) {
-        kprintf("Usage: journal %s\n", usage);
-        return false;
-    }
-    if (safe_parse_uint(argv[1], start) == 0 && safe_parse_uint(argv[2], end) == 0)
+bool parse_range(const char* command, char** words, uint32_t* start, uint32_t* end) {
+    if (safe_parse_uint(words[0], start) == 0 && safe_parse_uint(words[1], end) == 0 &&
+        *start <= *end)
         return true;
-    kprintf("journal %s: invalid range '%s' '%s'\n", argv[0], argv[1], argv[2]);
-    return false;
-}
-
-bool has_word(int argc, const char* usage) {
-    if (argc >= 2)
-        return true;
-    kprintf("Usage: journal %s\n", usage);
+    kprintf("journal %s: invalid range '%s' '%s'\n", command, words[0], words[1]);
     return false;
 }
 
@@ -65,12 +56,17 @@ bool parse_schema(const char* command, const char* word, uint32_t* schema) {
 
 /// Runs query(out, max) and prints what it finds.
 template <typename query_fn>
-void show(int max, query_fn query) {
+void show(journal_form_t form, int max, query_fn query) {
     const auto records = cjournal_records_t::make(static_cast<size_t>(max));
-    const int count = records ? query(records.get(), max) : 0;
+    if (!records) {
+        kprintf("journal: out of memory\n");
+        return;
+    }
+    const int count = query(records.get(), max);
     for (int i = 0; i < count; i++)
-        journal_print_record(records[static_cast<size_t>(i)]);
-    kprintf("%d archived events\n", count);
+        journal_print_record(form, records[static_cast<size_t>(i)]);
+    if (form == journal_form_t::text)
+        kprintf("%d archived events%s\n", count, count == max ? " (there may be more)" : "");
 }
 
 /// Counts by one word: a segment, type, schema, subsystem or text; prints what is wrong otherwise.
@@ -102,100 +98,103 @@ bool count_by_word(const char* mode, const char* word, uint32_t* result) {
     return true;
 }
 
-/// Counts as the arguments say; prints what is wrong otherwise.
-bool count_by(int argc, char** argv, uint32_t* result) {
-    const char* mode = argc >= 2 ? argv[1] : "";
-    uint32_t a = 0;
-    uint32_t b = 0;
-    if (strcmp(mode, "all") == 0) {
-        *result = cjournal_count_matching(CJOURNAL_COUNT_ALL, 0, 0, nullptr);
-        return true;
-    }
-    const bool ranged = strcmp(mode, "range") == 0 || strcmp(mode, "lrange") == 0;
-    if (ranged) {
-        if (!parse_range(argc - 1, argv + 1, "count <range|lrange> <start> <end>", &a, &b))
-            return false;
-        *result = cjournal_count_matching(
-            *mode == 'l' ? CJOURNAL_COUNT_LRANGE : CJOURNAL_COUNT_RANGE, a, b, nullptr);
-        return true;
-    }
-    if (argc < 3) {
-        kprintf(
-            "Usage: journal count <all|range|lrange|segment|type|schema|subsystem|find> ... "
-            "[--json-ish]\n");
+/// Counts as the words say, at least one; prints what is wrong otherwise.
+bool count_by(int words, char** argv, uint32_t* result) {
+    const bool all = strcmp(argv[1], "all") == 0;
+    const bool lamport = strcmp(argv[1], "lrange") == 0;
+    const bool ranged = lamport || strcmp(argv[1], "range") == 0;
+    uint32_t start = 0;
+    uint32_t end = 0;
+    if (words != (all ? 1 : ranged ? 3 : 2)) {
+        kprintf("Usage: journal count %s\n", COUNT_ARGUMENTS);
         return false;
     }
-    return count_by_word(mode, argv[2], result);
+    if (!all && !ranged)
+        return count_by_word(argv[1], argv[2], result);
+    if (ranged && !parse_range("count", argv + 2, &start, &end))
+        return false;
+    cjournal_count_mode_t mode = CJOURNAL_COUNT_ALL;
+    if (ranged)
+        mode = lamport ? CJOURNAL_COUNT_LRANGE : CJOURNAL_COUNT_RANGE;
+    *result = cjournal_count_matching(mode, start, end, nullptr);
+    return true;
 }
 
 }  // namespace
 
-void journal_query(int argc, char** argv) {
-    uint32_t start, end;
-    if (!parse_range(argc, argv, "query <start> <end>", &start, &end))
+void journal_children(journal_form_t form, int argc, char** argv) {
+    int count;
+    const uint32_t id = journal_parse_archived(argc, argv);
+    if (id == 0 || !parse_count(argc, argv, 2, &count))
         return;
-    show(CJOURNAL_QUERY_MAX, [start, end](cjournal_event_t* out, int max) {
+    show(form, count,
+         [id](cjournal_event_t* out, int max) { return cjournal_query_children(id, out, max); });
+}
+
+void journal_query(journal_form_t form, int, char** argv) {
+    uint32_t start, end;
+    if (!parse_range(argv[0], argv + 1, &start, &end))
+        return;
+    show(form, CJOURNAL_QUERY_MAX, [start, end](cjournal_event_t* out, int max) {
         return cjournal_query_range(start, end, out, max);
     });
 }
 
-void journal_lrange(int argc, char** argv) {
+void journal_lrange(journal_form_t form, int argc, char** argv) {
     uint32_t start, end;
     int count;
-    if (!parse_range(argc, argv, "lrange <start> <end> [n]", &start, &end) ||
-        !parse_count(argc, argv, 3, &count))
+    if (!parse_range(argv[0], argv + 1, &start, &end) || !parse_count(argc, argv, 3, &count))
         return;
-    show(count, [start, end](cjournal_event_t* out, int max) {
+    show(form, count, [start, end](cjournal_event_t* out, int max) {
         return cjournal_query_lamport(start, end, out, max);
     });
 }
 
-void journal_type(int argc, char** argv) {
+void journal_type(journal_form_t form, int argc, char** argv) {
     uint32_t type;
     int count;
-    if (!has_word(argc, "type <type> [n]") || !parse_type("type", argv[1], &type) ||
-        !parse_count(argc, argv, 2, &count))
+    if (!parse_type("type", argv[1], &type) || !parse_count(argc, argv, 2, &count))
         return;
-    show(count,
+    show(form, count,
          [type](cjournal_event_t* out, int max) { return cjournal_query_type(type, out, max); });
 }
 
-void journal_schema(int argc, char** argv) {
+void journal_schema(journal_form_t form, int argc, char** argv) {
     uint32_t schema;
     int count;
-    if (!has_word(argc, "schema <id|name> [n]") || !parse_schema("schema", argv[1], &schema) ||
-        !parse_count(argc, argv, 2, &count))
+    if (!parse_schema("schema", argv[1], &schema) || !parse_count(argc, argv, 2, &count))
         return;
-    show(count, [schema](cjournal_event_t* out, int max) {
+    show(form, count, [schema](cjournal_event_t* out, int max) {
         return cjournal_query_schema(schema, out, max);
     });
 }
 
-void journal_subsystem(int argc, char** argv) {
+void journal_subsystem(journal_form_t form, int argc, char** argv) {
     int count;
-    if (!has_word(argc, "subsystem <name> [n]") || !parse_count(argc, argv, 2, &count))
+    if (!parse_count(argc, argv, 2, &count))
         return;
-    show(count, [name = argv[1]](cjournal_event_t* out, int max) {
+    show(form, count, [name = argv[1]](cjournal_event_t* out, int max) {
         return cjournal_query_subsystem(name, out, max);
     });
 }
 
-void journal_recent(int argc, char** argv) {
+void journal_recent(journal_form_t form, int argc, char** argv) {
     int count;
     if (parse_count(argc, argv, 1, &count))
-        show(count, [](cjournal_event_t* out, int max) { return cjournal_query_recent(out, max); });
+        show(form, count,
+             [](cjournal_event_t* out, int max) { return cjournal_query_recent(out, max); });
 }
 
-void journal_find(int argc, char** argv) {
+void journal_find(journal_form_t form, int argc, char** argv) {
     int count;
-    if (!has_word(argc, "find <text> [n]") || !parse_count(argc, argv, 2, &count))
+    if (!parse_count(argc, argv, 2, &count))
         return;
-    show(count, [needle = argv[1]](cjournal_event_t* out, int max) {
+    show(form, count, [needle = argv[1]](cjournal_event_t* out, int max) {
         return cjournal_query_text(needle, out, max);
     });
 }
 
-void journal_effects(int argc, char** argv) {
+void journal_effects(journal_form_t form, int argc, char** argv) {
     int depth = DEPTH_DEFAULT;
     int count;
     const uint32_t id = journal_parse_archived(argc, argv);
@@ -207,17 +206,23 @@ void journal_effects(int argc, char** argv) {
     }
     if (!parse_count(argc, argv, 3, &count))
         return;
-    show(count, [id, depth](cjournal_event_t* out, int max) {
+    show(form, count, [id, depth](cjournal_event_t* out, int max) {
         return cjournal_query_descendants(id, depth, out, max);
     });
 }
 
-void journal_count(int argc, char** argv) {
+void journal_count(journal_form_t form, int argc, char** argv) {
     uint32_t count;
-    if (!count_by(argc, argv, &count))
+    const bool asked = strcmp(argv[argc - 1], "--json-ish") == 0;
+    if (asked && form == journal_form_t::text)
+        form = journal_form_t::record;
+    const int words = argc - 1 - (asked ? 1 : 0);
+    if (!count_by(words, argv, &count))
         return;
-    if (strcmp(argv[argc - 1], "--json-ish") == 0)
-        kprintf("journal_count{source=journal,by=%s,count=%u}\n", argv[1], count);
-    else
+    if (form == journal_form_t::text) {
         kprintf("%u archived events\n", count);
+        return;
+    }
+    journal_line_t line(form, "count", "journal_count");
+    line.add("by", "%s", argv[1]).add_number("count", count).end();
 }
