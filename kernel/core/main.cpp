@@ -28,11 +28,13 @@
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/ramfs.h"
 #include "kernel/graph/actor.h"
+#include "kernel/graph/blame.h"
 #include "kernel/graph/causal.h"
 #include "kernel/graph/causal_persist.h"
 #include "kernel/graph/cjournal.h"
 #include "kernel/graph/replay.h"
 #include "kernel/graph/timeline.h"
+#include "kernel/graph/whatif.h"
 
 namespace {
 
@@ -220,6 +222,8 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     mail_init();
     notes_init();
     cjournal_init();
+    blame_init();
+    whatif_init();
     mail_seed_welcome();
     start_system_tasks(button);
     sched_start();

@@ -12,6 +12,7 @@
 #include "kernel/apps/cmd_schema.h"
 #include "kernel/apps/cmd_system.h"
 #include "kernel/apps/cmd_timeline.h"
+#include "kernel/apps/cmd_whatif.h"
 #include "kernel/apps/mail.h"
 #include "kernel/apps/notes.h"
 #include "kernel/apps/shell.h"
@@ -160,8 +161,10 @@ constinit const command_t commands[] = {
     {"random", cmd_random},
     {"journal", cmd_journal},
     {"schema", cmd_schema},
+    {"blame", cmd_blame},
     {"attest", cmd_attest},
     {"capsule", cmd_capsule},
+    {"whatif", cmd_whatif},
     {"dmesg", cmd_dmesg},
     {"heap", cmd_heap},
     {"memleak", cmd_memleak},

@@ -86,6 +86,8 @@ void put_parents(causal_event_t& ev, const draft_t& draft, const uint32_t* curre
         ev.parents[i] = ids[i];
         if (causal_event_t* parent = causal_in_ring(ids[i]))
             parent->child_count++;
+        else if (ids[i] >= causal_store.next_id - 1)
+            causal_store.stray = causal_store.next_id - 1;
     }
     ev.num_parents = static_cast<uint8_t>(count);
 }

@@ -53,13 +53,13 @@ int recent(causal_type_t type, list_t list) {
     return list.count;
 }
 
-bool names_parent(const causal_event_t& ev, uint32_t id) {
+/// How many times `ev` names `id` as a parent.
+uint32_t namings(const causal_event_t& ev, uint32_t id) {
     const uint32_t count = causal_parent_count(ev);
-    for (uint32_t i = 0; i < count; i++) {
-        if (ev.parents[i] == id)
-            return true;
-    }
-    return false;
+    uint32_t found = 0;
+    for (uint32_t i = 0; i < count; i++)
+        found += ev.parents[i] == id ? 1 : 0;
+    return found;
 }
 
 template <typename list_t>
@@ -78,13 +78,32 @@ void add_archived_children(uint32_t event_id, list_t& list) {
     }
 }
 
+/// Whether all effects of `event_id` are in the ring behind it, `namings_left` times named.
+bool effects_are_known(uint32_t event_id, causal_span_t span, uint32_t* namings_left) {
+    const causal_event_t* ev = causal_in_ring(event_id);
+    if (ev == nullptr || (causal_store.stray != 0 && causal_store.stray >= span.oldest))
+        return false;
+    *namings_left = ev->child_count;
+    return causal_still(*ev, event_id);
+}
+
+/// Ends with the last effect where it is known how many there are: mostly they follow soon.
 template <typename list_t>
 int children(uint32_t event_id, list_t list) {
-    const causal_span_t span = causal_ring_span();
-    for (uint32_t i = 0; i < span.count && !list.full(); i++)
-        add_if(list, span.oldest + i,
-               [event_id](const causal_event_t& ev) { return names_parent(ev, event_id); });
-    add_archived_children(event_id, list);
+    causal_span_t span = causal_ring_span();
+    uint32_t left = UINT32_MAX;
+    const bool known = effects_are_known(event_id, span, &left);
+    if (known)
+        span = {event_id + 1, causal_newest() - event_id};
+    for (uint32_t i = 0; i < span.count && left != 0 && !list.full(); i++) {
+        add_if(list, span.oldest + i, [event_id, &left](const causal_event_t& ev) {
+            const uint32_t found = namings(ev, event_id);
+            left -= found;
+            return found != 0;
+        });
+    }
+    if (!known)
+        add_archived_children(event_id, list);
     return list.count;
 }
 

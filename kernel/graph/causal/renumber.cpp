@@ -52,6 +52,7 @@ bool causal_renumber(uint32_t base) {
     causal_store.base += base;
     causal_store.last_rate_count += base;
     shift_id(&causal_store.saved_context, base);
+    shift_id(&causal_store.stray, base);
     for (const causal_shift_fn keeper : causal_store.keepers) {
         if (keeper != nullptr)
             keeper(base);

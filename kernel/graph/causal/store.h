@@ -13,6 +13,7 @@ struct causal_store_t {
     uint64_t lamport_clock = 0;
     uint32_t node_hash = 0;
     uint32_t saved_context = 0;
+    uint32_t stray = 0;  ///< the newest event that named a cause younger than itself
     uint32_t hydrated_next = 0;
     uint32_t health_events_per_sec = 0;
     uint32_t last_rate_count = 0;
