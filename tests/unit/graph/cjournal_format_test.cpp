@@ -147,37 +147,6 @@ TEST(JournalFormat, EveryLeafHasAProofThatLeadsToTheRoot) {
     }
 }
 
-TEST(JournalFormat, EveryLayoutIsRecognisedCheckedAndConverted) {
-    const records_t records = make_records(7);
-    for (const uint32_t event_size : {175u, 172u, 136u}) {
-        for (const uint32_t footer_size : {0u, 24u, 28u, 40u, 44u, 48u}) {
-            SCOPED_TRACE(testing::Message() << event_size << " " << footer_size);
-            bytes_t file = make_segment(records, 3, event_size, footer_size);
-            cjournal_layout_t layout = {};
-            ASSERT_TRUE(recognise(file, 3, &layout));
-            EXPECT_EQ(layout.event_size, event_size);
-            EXPECT_EQ(layout.footer_size, footer_size);
-            cjournal_header_t header;
-            memcpy(&header, file.data(), sizeof header);
-            const auto body = std::span(file).first(file.size() - footer_size);
-            const auto footer = std::span(file).last(footer_size);
-            const uint32_t sum = cjournal_checksum(body);
-            EXPECT_TRUE(cjournal_check_footer(header, 3, layout, footer, sum));
-            EXPECT_EQ(cjournal_check_footer(header, 3, layout, footer, sum + 1), footer_size <= 24);
-            EXPECT_EQ(cjournal_check_footer(header, 4, layout, footer, sum), footer_size == 0);
-            cjournal_event_t record;
-            ASSERT_TRUE(
-                cjournal_convert_record(body.subspan(44 + 5 * event_size, event_size), &record));
-            EXPECT_EQ(memcmp(&record, &records[5], event_size), 0);
-            EXPECT_EQ(record.schema_version, 1);
-            EXPECT_EQ(record.schema_id, event_size == 175 ? 5 : 0);
-            EXPECT_EQ(record.payload_len, event_size == 136 ? 0u : 15u);
-        }
-    }
-    cjournal_event_t record;
-    EXPECT_FALSE(cjournal_convert_record(bytes_t(174), &record));
-}
-
 TEST(JournalFormat, AmbiguousSizesGoToTheNewerRecordAndLyingOnesAreRefused) {
     // 16 records of 172 bytes and a footer of 48 are as long as 16 records of 175 alone.
     bytes_t file(44 + 16 * 175);
