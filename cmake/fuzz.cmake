@@ -48,4 +48,18 @@ vorn_fuzz(journal ${VORN_STRING_SOURCES}
   ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/merkle.cpp
   ${CMAKE_SOURCE_DIR}/kernel/graph/causal/hash.cpp ${CMAKE_SOURCE_DIR}/kernel/graph/causal_schema.cpp
   ${CMAKE_SOURCE_DIR}/kernel/core/noise/blake2s.cpp ${CMAKE_SOURCE_DIR}/kernel/core/noise/helpers.cpp)
+vorn_fuzz(segment ${VORN_STRING_SOURCES}
+  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/examine.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/format.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/lookup.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/merkle.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/proof.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/query.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/read.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/records.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/root.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/verify.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/causal/hash.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/graph/causal_schema.cpp
+  ${CMAKE_SOURCE_DIR}/kernel/core/noise/blake2s.cpp ${CMAKE_SOURCE_DIR}/kernel/core/noise/helpers.cpp)
 vorn_fuzz(timeline ${VORN_STRING_SOURCES} ${CMAKE_SOURCE_DIR}/kernel/graph/timeline/format.cpp)
