@@ -43,12 +43,6 @@ list(FILTER VORN_VORSH_SOURCES EXCLUDE REGEX commands.cpp)
 vorn_fuzz(vorsh ${VORN_STRING_SOURCES} ${VORN_VORSH_SOURCES})
 vorn_fuzz(acpi ${VORN_STRING_SOURCES} ${CMAKE_SOURCE_DIR}/kernel/drivers/acpi/tables.cpp)
 vorn_fuzz(journal ${VORN_STRING_SOURCES}
-  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/format.cpp
-  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/records.cpp
-  ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/merkle.cpp
-  ${CMAKE_SOURCE_DIR}/kernel/graph/causal/hash.cpp ${CMAKE_SOURCE_DIR}/kernel/graph/causal_schema.cpp
-  ${CMAKE_SOURCE_DIR}/kernel/core/noise/blake2s.cpp ${CMAKE_SOURCE_DIR}/kernel/core/noise/helpers.cpp)
-vorn_fuzz(segment ${VORN_STRING_SOURCES}
   ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/examine.cpp
   ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/format.cpp
   ${CMAKE_SOURCE_DIR}/kernel/graph/cjournal/lookup.cpp

@@ -1,5 +1,7 @@
 #include "kernel/apps/cmd_journal.h"
 
+#include <iterator>
+
 #include "tests/unit/graph/journal.h"
 
 namespace {
@@ -11,19 +13,8 @@ protected:
         boot();
     }
     static std::string run(const std::string& line) {
-        std::istringstream words("journal " + line);
-        std::vector<std::string> args;
-        for (std::string word; words >> word;)
-            args.push_back(word);
-        std::vector<char*> argv;
-        for (std::string& arg : args)
-            argv.push_back(arg.data());
-        machine_texts().clear();
-        cmd_journal(static_cast<int>(argv.size()), argv.data());
-        return machine_texts();
-    }
-    static bool has(const std::string& text, const std::string& what) {
-        return text.find(what) != std::string::npos;
+        std::istringstream words(line);
+        return JournalVolume::run(cmd_journal, {std::istream_iterator<std::string>(words), {}});
     }
     /// Whether a self-test ends so.
     static bool ends(const std::string& line, const std::string& verdict) {

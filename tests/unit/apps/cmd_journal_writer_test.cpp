@@ -9,15 +9,6 @@ protected:
         JournalVolume::SetUp();
         boot();
     }
-    static std::string run(void (*command)(int, char**), std::vector<std::string> args = {}) {
-        args.insert(args.begin(), "word");
-        std::vector<char*> argv;
-        for (std::string& arg : args)
-            argv.push_back(arg.data());
-        machine_texts().clear();
-        command(static_cast<int>(argv.size()), argv.data());
-        return machine_texts();
-    }
 };
 
 TEST_F(JournalCommand, SpillsRebuildsAndImports) {

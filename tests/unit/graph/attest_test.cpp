@@ -11,24 +11,11 @@ protected:
         JournalVolume::SetUp();
         boot();
     }
-    template <typename... words_t>
-    static std::string run(void (*command)(int, char**), words_t... words) {
-        std::vector<std::string> args = {"word", words...};
-        std::vector<char*> argv;
-        for (std::string& arg : args)
-            argv.push_back(arg.data());
-        machine_texts().clear();
-        command(static_cast<int>(argv.size()), argv.data());
-        return machine_texts();
-    }
-    static std::string attest(const std::string& event) { return run(cmd_attest, event); }
+    static std::string attest(const std::string& event) { return run(cmd_attest, {event}); }
     static std::string verify(uint32_t id) {
-        return run(cmd_attest, std::string("verify"), std::to_string(id));
+        return run(cmd_attest, {"verify", std::to_string(id)});
     }
-    static std::string capsule(uint32_t id) { return run(cmd_capsule, std::to_string(id)); }
-    static bool has(const std::string& text, const std::string& what) {
-        return text.find(what) != std::string::npos;
-    }
+    static std::string capsule(uint32_t id) { return run(cmd_capsule, {std::to_string(id)}); }
     /// Lets so many events pass that `id` leaves the ring.
     static void push_out(uint32_t id) {
         while (causal_get_ring(id) != nullptr)
@@ -143,12 +130,12 @@ TEST_F(Receipts, CapsulesHoldCausesEffectsAndProofAndAreReplaced) {
     const std::string text(saved.begin(), saved.end());
     EXPECT_EQ(second, text + "saved to " + file + " (" + std::to_string(text.size()) + " bytes)\n");
 
-    const std::string missing = run(cmd_capsule, std::string("4000000"));
+    const std::string missing = run(cmd_capsule, {"4000000"});
     EXPECT_TRUE(has(missing,
                     "CAUSAL CAPSULE for event #4000000  (tick 0, node 00000000)\n"
                     "  identity: event #4000000 (not present in ring or journal)\n"));
     EXPECT_TRUE(has(missing, "  schema:   id 0 v0\n  durability: journal segment unavailable\n"));
-    EXPECT_EQ(run(cmd_capsule, std::string("x")), "capsule: cannot resolve event 'x'\n");
+    EXPECT_EQ(run(cmd_capsule, {"x"}), "capsule: cannot resolve event 'x'\n");
     cjournal_init_without_volume();
     EXPECT_TRUE(has(capsule(causal_total_events()),
                     "(disk unavailable -- capsule shown on console only)\n"));

@@ -168,27 +168,6 @@ TEST(JournalFormat, AmbiguousSizesGoToTheNewerRecordAndLyingOnesAreRefused) {
     EXPECT_EQ(layout.event_size, 175u);
 }
 
-TEST(JournalFormat, TheFirstFaultOfTheRecordsIsNamed) {
-    using fault = cjournal_fault_t;
-    const records_t good = make_records(9);
-    const cjournal_header_t header = cjournal_make_header(good);
-    const auto check = [&](auto spoil) {
-        records_t records = good;
-        spoil(records);
-        return cjournal_check_records(header, records);
-    };
-    EXPECT_EQ(check([](records_t&) {}).fault, fault::none);
-    EXPECT_EQ(check([](records_t& r) { r[0].id--; }).fault, fault::first_id);
-    const auto repeated = check([](records_t& r) { r[4].id = r[3].id; });
-    EXPECT_EQ(repeated.fault, fault::monotonic);
-    EXPECT_EQ(repeated.position, 4u);
-    EXPECT_EQ(check([](records_t& r) { r[8].id++; }).fault, fault::last_id);
-    EXPECT_EQ(check([](records_t& r) { r[2].num_parents = 5; }).fault, fault::parent_count);
-    EXPECT_EQ(check([](records_t& r) { r[2].type = 10; }).fault, fault::type);
-    EXPECT_EQ(check([](records_t& r) { r[2].wall_ticks = 49; }).fault, fault::tick);
-    EXPECT_EQ(check([](records_t& r) { r[2].lamport = 999; }).fault, fault::lamport);
-}
-
 TEST(JournalFormat, NamesAreExactlyTheSegmentForm) {
     char path[CJOURNAL_PATH_SIZE];
     cjournal_path(4294967295u, cjournal_file_t::signature, path);

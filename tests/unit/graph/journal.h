@@ -41,6 +41,20 @@ protected:
         running() = {};
     }
 
+    /// What a command prints when it is given these words.
+    static std::string run(void (*command)(int, char**), std::vector<std::string> words = {}) {
+        words.insert(words.begin(), "word");
+        std::vector<char*> argv;
+        for (std::string& word : words)
+            argv.push_back(word.data());
+        machine_texts().clear();
+        command(static_cast<int>(argv.size()), argv.data());
+        return machine_texts();
+    }
+    static bool has(const std::string& text, const std::string& what) {
+        return text.find(what) != std::string::npos;
+    }
+
     /// Records events until `unspilled` of them wait.
     static void wait_for(uint32_t unspilled) {
         while (unspilled_events() < unspilled)
