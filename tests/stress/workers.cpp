@@ -234,7 +234,7 @@ void screen_worker() {
         screen_left = SCREEN_ROUND;
         draw();
         while (screen_writers > 0)
-            task_yield();
+            task_sleep(1);  // they may have a lower priority
         int shown = 0;
         for (uint32_t i = 0; i < CELLS; ++i)
             shown += reinterpret_cast<volatile uint8_t*>(0xB8000)[2 * i] == 'z' ? 1 : 0;

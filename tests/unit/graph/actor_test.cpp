@@ -130,6 +130,7 @@ TEST_F(Actors, MailboxesKeepOrderAndRefuseWhatTheyCannotHold) {
     EXPECT_EQ(actor_take_back(a, newest), 0);
     EXPECT_EQ(drain(a), texts_t{"kept"});
 
+    task_init();
     machine().interrupts_on = true;
     machine().on_hlt = [a] {
         system_ticks = system_ticks + 1;
