@@ -36,11 +36,12 @@ void cmd_uptime(int argc, char** argv);
 void cmd_irqstat(int argc, char** argv);
 
 /// `halt`: says goodbye, waits half a second and switches the machine off. Nothing is written out
-/// first: the disk is sound after it as after any other end of power. Does not return. Records
-/// CAUSAL_SHELL "system" "ACPI poweroff".
+/// first: the disk is sound after it as after any other end of power. Needs admin; then it does not
+/// return. Records CAUSAL_SHELL "system" "ACPI poweroff".
 void cmd_halt(int argc, char** argv);
 
-/// `crash <kind>`: raises a processor exception in the kernel; without a known kind prints a list.
+/// `crash <kind>`: raises a processor exception in the kernel, which needs admin; without a known kind
+/// prints a list.
 void cmd_crash(int argc, char** argv);
 
 /// `hexdump <addr> [len]`: memory at a hexadecimal address, 1..4096 bytes (decimal, 128 without the

@@ -10,12 +10,14 @@
 #include "kernel/apps/power.h"
 #include "kernel/apps/shell.h"
 #include "kernel/apps/surgeon.h"
+#include "kernel/core/cap.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/memory.h"
 #include "kernel/core/noise.h"
 #include "kernel/core/smp.h"
 #include "kernel/core/task.h"
+#include "kernel/core/tempcap.h"
 #include "kernel/core/version.h"
 #include "kernel/core/x86.h"
 #include "kernel/drivers/acpi.h"
@@ -183,11 +185,14 @@ void start_system_tasks(const acpi_button_t& button) {
     const int cpus = smp_init();
     if (cpus > 1)
         kprintf("[boot] SMP: %d CPUs, inter-core channels active\n", cpus);
-    task_t* idle = task_create("idle", idle_task, IDLE_PRIORITY);
-    if (idle == nullptr || task_create("shell", shell_task, SHELL_PRIORITY) == nullptr) {
+    const task_t* idle = task_create("idle", idle_task, IDLE_PRIORITY);
+    const task_t* shell = task_create("shell", shell_task, SHELL_PRIORITY);
+    if (idle == nullptr || shell == nullptr) {
         kprintf("[boot] ERROR: no memory for the system tasks\n");
         cpu_halt_forever();
     }
+    // Who sits at the machine may do everything with it.
+    (void)cap_grant(shell->pid, CAP_ALL);
     power_init(button, kernel_shutdown);
     kprintf("[boot] System tasks created\n");
 }
@@ -219,10 +224,12 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     start_actors();
     hwrng_init();
     noise_init();
+    cap_init();
     mail_init();
     notes_init();
     cjournal_init();
     blame_init();
+    tempcap_init();
     whatif_init();
     mail_seed_welcome();
     start_system_tasks(button);

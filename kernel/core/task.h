@@ -120,6 +120,12 @@ struct task_lifecycle_hooks_t {
     void (*reaped)(pid_t pid);         ///< its slot is free
 };
 
+/// Who decides what a task may do. Called with interrupts masked; must not wait.
+struct task_capability_hooks_t {
+    void (*created)(pid_t pid, pid_t parent);  ///< after the creation was recorded
+    bool (*may_renice)(pid_t pid);             ///< whether the running task may
+};
+
 // --- Start ---------------------------------------------------------------------------------------
 
 /// Resets everything; the caller becomes the boot task of this processor. Installs the tick, the
@@ -138,6 +144,9 @@ void ap_sched_init(uint32_t cpu);
 
 /// Installs the hooks (null: none).
 void task_set_lifecycle_hooks(const task_lifecycle_hooks_t* hooks);
+
+/// Installs the hooks (null: everything is allowed).
+void task_set_capability_hooks(const task_capability_hooks_t* hooks);
 
 // --- Creation: task context ----------------------------------------------------------------------
 
@@ -204,11 +213,15 @@ void task_make_ready(task_t* t);
 /// "sleep pid=%d ticks=%u until=%u", and "wake pid=%d from sleep" at the end, which follows it.
 void task_sleep(uint32_t ticks);
 
+/// task_sleep that records nothing: for tasks that look around at intervals, so that a quiet system
+/// stays quiet.
+void task_sleep_unrecorded(uint32_t ticks);
+
 /// Wakes the tasks whose sleep is over. Part of task_tick.
 void task_wake_sleepers(void);
 
-/// Sets the priority, 0..7, of a task that is not dead, else -1. A ready one goes to the tail of
-/// its new queue. Records "renice pid=%d priority=%d".
+/// Sets the priority, 0..7, of a task that is not dead and that the caller may renice, else -1. A
+/// ready one goes to the tail of its new queue. Records "renice pid=%d priority=%d".
 int task_set_priority(pid_t pid, int priority);
 
 /// Whether processor 0 may hand the task to an idle further processor.

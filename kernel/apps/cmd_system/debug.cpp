@@ -8,6 +8,7 @@
 #include "kernel/core/memory.h"
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
+#include "kernel/core/tempcap.h"
 
 namespace {
 
@@ -112,10 +113,13 @@ void cmd_hexdump(int argc, char** argv) {
 
 void cmd_crash(int argc, char** argv) {
     for (const crash_t& crash : CRASHES) {
-        if (argc == 2 && strcmp(argv[1], crash.kind) == 0) {
+        if (argc != 2 || strcmp(argv[1], crash.kind) != 0)
+            continue;
+        if (tempcap_require(CAP_ADMIN, "raise exception"))
             crash.run();
-            return;
-        }
+        else
+            kprintf("crash: permission denied (need admin)\n");
+        return;
     }
     kprintf("Usage: crash <kind>\n");
     for (const crash_t& crash : CRASHES)

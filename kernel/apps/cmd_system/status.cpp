@@ -7,6 +7,7 @@
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
+#include "kernel/core/tempcap.h"
 #include "kernel/core/version.h"
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/dmesg.h"
@@ -89,13 +90,15 @@ void cmd_irqstat(int, char**) {
 
 void cmd_halt(int, char**) {
     constexpr uint32_t WAIT_TICKS = 50;
+    if (!tempcap_require(CAP_ADMIN, "power off")) {
+        kprintf("halt: permission denied (need admin)\n");
+        return;
+    }
     console_set_color(CONSOLE_BRIGHT_CYAN, CONSOLE_BLACK);
     kprintf("\n  Powering off Vorn...\n");
     kprintf("  Thank you for exploring!\n\n");
     console_set_color(CONSOLE_GREY, CONSOLE_BLACK);
-    const uint32_t start = system_ticks;
-    while (system_ticks - start < WAIT_TICKS)
-        task_sleep(1);
+    task_sleep_unrecorded(WAIT_TICKS);
     causal_emit(CAUSAL_SHELL, "system", "ACPI poweroff", nullptr, 0);
     hal_shutdown();
 }

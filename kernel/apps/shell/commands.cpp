@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "kernel/apps/cmd_actors.h"
+#include "kernel/apps/cmd_cap.h"
 #include "kernel/apps/cmd_crypto.h"
 #include "kernel/apps/cmd_disk.h"
 #include "kernel/apps/cmd_files.h"
@@ -161,9 +162,11 @@ constinit const command_t commands[] = {
     {"random", cmd_random},
     {"journal", cmd_journal},
     {"schema", cmd_schema},
+    {"cap", cmd_cap},
     {"blame", cmd_blame},
     {"attest", cmd_attest},
     {"capsule", cmd_capsule},
+    {"tempcap", cmd_tempcap},
     {"whatif", cmd_whatif},
     {"dmesg", cmd_dmesg},
     {"heap", cmd_heap},

@@ -100,6 +100,11 @@ void task_set_lifecycle_hooks(const task_lifecycle_hooks_t* hooks) {
     sched.hooks = hooks != nullptr ? *hooks : task_lifecycle_hooks_t{};
 }
 
+void task_set_capability_hooks(const task_capability_hooks_t* hooks) {
+    const sched_guard guard;
+    sched.capability_hooks = hooks != nullptr ? *hooks : task_capability_hooks_t{};
+}
+
 bool task_draft(task_t* draft, const char* name, task_entry_fn entry, int priority, uint32_t cpu) {
     if (entry == nullptr || priority < 0 || priority >= TASK_PRIORITIES || cpu >= CPU_MAX)
         return false;
@@ -145,6 +150,8 @@ task_t* task_publish(const task_t* draft) {
                          t->priority, t->is_user ? " ring=3" : "");
     if (event != 0)
         t->causal_ctx = event;
+    if (sched.capability_hooks.created != nullptr)
+        sched.capability_hooks.created(t->pid, t->parent_pid);
     if (t->state != TASK_READY)
         return t;
     enqueue_locked(t);

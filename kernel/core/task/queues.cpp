@@ -119,6 +119,9 @@ int task_set_priority(pid_t pid, int priority) {
     if (priority < 0 || priority >= TASK_PRIORITIES)
         return -1;
     const irq_guard masked;
+    const auto may_renice = sched.capability_hooks.may_renice;
+    if (may_renice != nullptr && !may_renice(pid))
+        return -1;
     {
         const sched_guard guard;
         task_t* t = task_find_by_pid(pid);

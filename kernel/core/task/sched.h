@@ -28,6 +28,7 @@ struct sched_state_t {
     bool smp_first_bsp_schedule;
     uint32_t last_reap_tick, last_boost_tick, last_causal_check, last_offload_tick;
     task_lifecycle_hooks_t hooks;
+    task_capability_hooks_t capability_hooks;
 };
 
 /// The one state; all of it is guarded by sched_guard.

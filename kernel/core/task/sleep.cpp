@@ -47,6 +47,37 @@ bool work_is_ready_locked() REQUIRES(sched_lock) {
     return false;
 }
 
+void sleep_for(uint32_t ticks, bool recorded) {
+    task_t* t = task_current();
+    if (ticks > SLEEP_TICKS_MAX)
+        ticks = SLEEP_TICKS_MAX;
+    if (ticks != 0 && !sched.active) {
+        halt_until(system_ticks + ticks);
+        return;
+    }
+    if (t == nullptr || ticks == 0) {
+        schedule();
+        return;
+    }
+    const irq_guard masked;
+    uint32_t until = system_ticks + ticks;
+    if (until == 0)
+        until = 1;  // 0 means not sleeping
+    uint32_t event = 0;
+    if (recorded)
+        event = causal_event_fmt(CAUSAL_SCHED, "sched", "sleep pid=%d ticks=%u until=%u", t->pid,
+                                 ticks, until);
+    {
+        const sched_guard guard;
+        t->sleep_event = event;
+        t->sleep_until = until;
+        t->waiting_for_pid = 0;
+        t->waiting_for_input = false;
+        t->state = TASK_BLOCKED;
+    }
+    schedule();
+}
+
 }  // namespace
 
 void task_block(task_t* t) {
@@ -95,36 +126,9 @@ void task_unblock_reason(task_t* t, const char* reason) {
 
 void task_unblock(task_t* t) { task_unblock_reason(t, nullptr); }
 
-void task_sleep(uint32_t ticks) {
-    task_t* t = task_current();
-    if (ticks > SLEEP_TICKS_MAX)
-        ticks = SLEEP_TICKS_MAX;
-    if (ticks != 0 && !sched.active) {
-        halt_until(system_ticks + ticks);
-        return;
-    }
-    if (t == nullptr || ticks == 0) {
-        schedule();
-        return;
-    }
-    const irq_guard masked;
-    uint32_t until = system_ticks + ticks;
-    if (until == 0)
-        until = 1;  // 0 means not sleeping
-    uint32_t event = 0;
-    if (ticks >= SLEEP_TICKS_RECORDED)
-        event = causal_event_fmt(CAUSAL_SCHED, "sched", "sleep pid=%d ticks=%u until=%u", t->pid,
-                                 ticks, until);
-    {
-        const sched_guard guard;
-        t->sleep_event = event;
-        t->sleep_until = until;
-        t->waiting_for_pid = 0;
-        t->waiting_for_input = false;
-        t->state = TASK_BLOCKED;
-    }
-    schedule();
-}
+void task_sleep(uint32_t ticks) { sleep_for(ticks, ticks >= SLEEP_TICKS_RECORDED); }
+
+void task_sleep_unrecorded(uint32_t ticks) { sleep_for(ticks, false); }
 
 void task_wake_sleepers(void) {
     const sched_guard guard;
