@@ -40,8 +40,8 @@ void cmd_irqstat(int argc, char** argv);
 /// return. Records CAUSAL_SHELL "system" "ACPI poweroff".
 void cmd_halt(int argc, char** argv);
 
-/// `crash <kind>`: raises a processor exception in the kernel, which needs admin; without a known kind
-/// prints a list.
+/// `crash <kind>`: raises a processor exception in the kernel, which needs admin; without a known
+/// kind it prints a list.
 void cmd_crash(int argc, char** argv);
 
 /// `hexdump <addr> [len]`: memory at a hexadecimal address, 1..4096 bytes (decimal, 128 without the
