@@ -27,9 +27,10 @@ constexpr int BLOCKFS_FILE = 1;       ///< type of a file
 constexpr int BLOCKFS_DIRECTORY = 2;  ///< type of a directory
 constexpr uint32_t BLOCKFS_BLOCK_BYTES = 512;
 constexpr uint32_t BLOCKFS_FILE_BYTES_MAX = 8460288;
-constexpr uint32_t BLOCKFS_PATH_MAX = 255;  ///< characters, without the terminator
-constexpr uint32_t BLOCKFS_NAME_MAX = 63;   ///< characters of a component
-constexpr uint32_t BLOCKFS_READ_ONLY = 1;   ///< the one flag
+constexpr uint32_t BLOCKFS_PATH_MAX = 255;          ///< characters, without the terminator
+constexpr uint32_t BLOCKFS_NAME_MAX = 63;           ///< characters of a component
+constexpr uint32_t BLOCKFS_READ_ONLY = 1;           ///< the one flag
+constexpr const char* BLOCKFS_RECORDS = "/causal";  ///< folder of the system's own records
 
 /// What happened to a path.
 enum blockfs_op_t : int {
@@ -68,10 +69,12 @@ bool blockfs_mounted();
 /// nothing is ever outstanding. For host tools and tests: the machine itself never unmounts.
 void blockfs_forget();
 
-/// Installs what is told of changes (null: nobody). Touching and changing flags are not told. A
-/// rename is told as the creation of the new path and the deletion of the old one. A write or
-/// append whose path has 128 characters or more is not told; of a path deeper than 8 levels only
-/// the 8 lowest are.
+/// Installs what is told of changes (null: nobody), in the task that made them, without VoFS's
+/// lock. Touching and changing flags are not told. A rename is told as the creation of the new path
+/// and the deletion of the old one. A write or append whose path has 128 characters or more is not
+/// told; of a path deeper than 8 levels only the 8 lowest are. Nothing in BLOCKFS_RECORDS is told:
+/// it belongs to this machine alone, and its writers hold locks that the hook may need, for it may
+/// look events up.
 void blockfs_set_change_hook(blockfs_change_fn hook);
 
 // --- Paths ---------------------------------------------------------------------------------------

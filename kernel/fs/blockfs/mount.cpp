@@ -1,5 +1,7 @@
 // Mounting and formatting. The superblock is the last sector that a format writes: a format cut
 // short leaves a disk without a volume, and the next start formats it from the beginning.
+#include <string_view>
+
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/drivers/virtio_blk.h"
@@ -101,6 +103,13 @@ int format_locked() REQUIRES(vofs_lock) {
     return 0;
 }
 
+/// The folder of the system's records, or something in it.
+bool of_records(const char* path) {
+    constexpr size_t LENGTH = std::string_view(BLOCKFS_RECORDS).size();
+    return strncmp(path, BLOCKFS_RECORDS, LENGTH) == 0 &&
+           (path[LENGTH] == '/' || path[LENGTH] == '\0');
+}
+
 /// A superblock with nothing behind it, not even a root: a format that wrote the superblock first
 /// was cut short.
 bool lacks_root_locked(uint32_t used) REQUIRES(vofs_lock) {
@@ -195,6 +204,6 @@ void blockfs_set_change_hook(blockfs_change_fn hook) { change_hook = hook; }
 
 void vofs_tell(int op, const char* path, const void* data, uint32_t len) {
     const blockfs_change_fn hook = change_hook;
-    if (hook != nullptr && path[0] != '\0')
+    if (hook != nullptr && path[0] != '\0' && !of_records(path))
         hook(op, path, data, len);
 }

@@ -1,4 +1,6 @@
 // Start-up: numbering, state, index, task and hooks.
+#include <string_view>
+
 #include "kernel/core/interrupt.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
@@ -10,6 +12,9 @@ cjournal_state_t cjournal;
 cjournal_writer_t cjournal_writer;
 
 namespace {
+
+// Files are written with the journal's lock held: VoFS tells nobody of those.
+static_assert(std::string_view(CJOURNAL_DIR) == BLOCKFS_RECORDS);
 
 constexpr int TASK_PRIORITY = 6;
 constexpr int CHILDREN_MAX = 32;

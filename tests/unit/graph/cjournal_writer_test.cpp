@@ -329,6 +329,27 @@ TEST_F(Journal, AFullVolumeKeepsTheSpillWaitingAndLosesNothing) {
     judge();
 }
 
+/// As file synchronisation may: looks an archived event up, and asks for another to be archived.
+void ask_the_journal(int, const char* path, const void*, uint32_t) {
+    EXPECT_EQ(std::string(path).find("/causal"), std::string::npos) << path;
+    EXPECT_NE(causal_get(1), nullptr);
+    EXPECT_EQ(cjournal_spill(1), 1);
+}
+
+TEST_F(Journal, WhoIsToldOfChangedFilesMayUseIt) {
+    wait_for(20);
+    cjournal_spill(10);
+    wait_for(CAUSAL_RING_SLOTS);
+    cjournal_spill(10);
+    blockfs_set_change_hook(ask_the_journal);
+    const uint32_t before = cjournal_state()->segments_written;
+    EXPECT_EQ(cjournal_spill(1), 1);
+    write("/note", {1});
+    blockfs_rename("/note", "/causal/note");
+    blockfs_set_change_hook(nullptr);
+    EXPECT_EQ(cjournal_state()->segments_written, before + 4) << "created, written, deleted";
+}
+
 TEST_F(Journal, WithoutAVolumeNothingHappens) {
     blockfs_forget();
     said();
