@@ -29,6 +29,22 @@ void cmd_uname(int argc, char** argv);
 /// `termsize`: columns and rows of the session's terminal, or of the console.
 void cmd_termsize(int argc, char** argv);
 
+/// `status`: uptime, memory, tasks, interrupts, actors and events on one screen.
+void cmd_status(int argc, char** argv);
+
+/// `ps`: the tasks, the caller first.
+void cmd_ps(int argc, char** argv);
+
+/// `top`: tasks and memory, drawn anew every half second until somebody presses q; once only while
+/// the output is captured.
+void cmd_top(int argc, char** argv);
+
+/// `ptree`: tasks by their distance from the root, eight levels.
+void cmd_ptree(int argc, char** argv);
+
+/// `cpu`: what each processor runs.
+void cmd_cpu(int argc, char** argv);
+
 /// `uptime`: minutes, seconds and ticks since the timer started.
 void cmd_uptime(int argc, char** argv);
 

@@ -45,6 +45,9 @@ void shell_task(void);
 /// The next key of the task's terminal, as keyboard_getchar gives it; waits for one.
 uint8_t shell_getchar(void);
 
+/// The key that waits at the task's terminal; -1 when none does.
+int shell_poll_key(void);
+
 /// Shows `prompt` and edits one line to its end; `line` holds SHELL_LINE_BYTES. The history is at
 /// hand and stays as it is.
 void shell_read_line(const char* prompt, char* line);

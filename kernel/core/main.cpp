@@ -13,6 +13,7 @@
 #include "kernel/core/cap.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/kprintf.h"
+#include "kernel/core/liveness.h"
 #include "kernel/core/memory.h"
 #include "kernel/core/noise.h"
 #include "kernel/core/smp.h"
@@ -230,6 +231,7 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     cjournal_init();
     blame_init();
     tempcap_init();
+    liveness_init();
     whatif_init();
     mail_seed_welcome();
     start_system_tasks(button);

@@ -48,6 +48,10 @@ enum task_state_t : uint32_t {
     TASK_STOPPED = 5,
 };
 
+/// By state.
+inline constexpr const char* task_state_names[] = {"running", "ready",  "blocked",
+                                                   "dead",    "zombie", "stopped"};
+
 using task_entry_fn = void (*)();
 using sig_handler_t = void (*)(int sig);
 

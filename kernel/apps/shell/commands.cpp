@@ -10,6 +10,7 @@
 #include "kernel/apps/cmd_files.h"
 #include "kernel/apps/cmd_graph.h"
 #include "kernel/apps/cmd_journal.h"
+#include "kernel/apps/cmd_liveness.h"
 #include "kernel/apps/cmd_schema.h"
 #include "kernel/apps/cmd_system.h"
 #include "kernel/apps/cmd_timeline.h"
@@ -92,11 +93,14 @@ constinit const command_t commands[] = {
     {"rm", cmd_rm},
     {"cd", cmd_cd},
     {"pwd", cmd_pwd},
+    {"ps", cmd_ps},
+    {"top", cmd_top},
     {"free", cmd_free},
     {"memmap", cmd_memmap},
     {"uname", cmd_uname},
     {"termsize", cmd_termsize},
     {"uptime", cmd_uptime},
+    {"status", cmd_status},
     {"irqstat", cmd_irqstat},
     {"run", cmd_run},
     {"vorsh", cmd_vorsh},
@@ -160,6 +164,7 @@ constinit const command_t commands[] = {
     {"crypto", cmd_crypto},
     {"hexdump", cmd_hexdump},
     {"random", cmd_random},
+    {"cpu", cmd_cpu},
     {"journal", cmd_journal},
     {"schema", cmd_schema},
     {"cap", cmd_cap},
@@ -167,7 +172,9 @@ constinit const command_t commands[] = {
     {"attest", cmd_attest},
     {"capsule", cmd_capsule},
     {"tempcap", cmd_tempcap},
+    {"liveness", cmd_liveness},
     {"whatif", cmd_whatif},
+    {"ptree", cmd_ptree},
     {"dmesg", cmd_dmesg},
     {"heap", cmd_heap},
     {"memleak", cmd_memleak},

@@ -104,6 +104,14 @@ uint8_t shell_getchar(void) {
     return byte;
 }
 
+int shell_poll_key(void) {
+    const task_t* task = task_current();
+    if (task == nullptr || task->io_read == nullptr)
+        return keyboard_has_input() ? static_cast<uint8_t>(keyboard_getchar()) : -1;
+    uint8_t byte = 0;
+    return task->io_read(&byte, 1, task->io_ctx) > 0 ? byte : -1;
+}
+
 void shell_read_line(const char* prompt, char* line) {
     line_editor_t editor;
     line_editor_start(&editor);

@@ -4,6 +4,7 @@
 #include "kernel/apps/shell.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/kprintf.h"
+#include "kernel/core/liveness.h"
 #include "kernel/core/memory.h"
 #include "kernel/core/smp.h"
 #include "kernel/core/string.h"
@@ -14,7 +15,7 @@
 
 namespace {
 
-constexpr uint32_t BANNER_WAIT_TICKS = 50;
+constexpr uint32_t CHECKLIST_TICKS = 50;  // that the checklist stays on the screen
 constexpr uint32_t FRAME_KB = PAGE_SIZE / 1024;
 
 // Nothing registers programs.
@@ -80,13 +81,6 @@ void start_services() {
     kprintf("\n  Boot complete.\n\n");
 }
 
-/// Leaves the checklist on the screen for a moment.
-void wait_ticks(uint32_t ticks) {
-    const uint32_t start = system_ticks;
-    while (system_ticks - start < ticks)
-        task_sleep(1);
-}
-
 void print_logo() {
     set_color(CONSOLE_BRIGHT_CYAN);
     for (const char* c = LOGO; *c != '\0'; ++c)
@@ -128,10 +122,12 @@ void print_banner() {
 }  // namespace
 
 void shell_task(void) {
+    constexpr uint32_t BEAT_TICKS = 300;
+    liveness_register_task("shell", BEAT_TICKS);
     shell_init();
     start_services();
     if (smp_cpu_count() == 1)
-        wait_ticks(BANNER_WAIT_TICKS);
+        task_sleep_unrecorded(CHECKLIST_TICKS);
     print_banner();
     shell_run();
 }

@@ -3,6 +3,7 @@
 // so the records of a segment are consecutive and lie in the range that its header gives.
 #include "kernel/core/guards.h"
 #include "kernel/core/interrupt.h"
+#include "kernel/core/liveness.h"
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
 #include "kernel/graph/causal_persist.h"
@@ -164,7 +165,10 @@ void cjournal_tick() {
 }
 
 void cjournal_task_fn() {
+    constexpr uint32_t BEAT_TICKS = 500;
+    liveness_register("cjournal", BEAT_TICKS);
     for (;;) {
+        liveness_heartbeat("cjournal");
         const bool hurry = spill_wanted && check_is_due();
         if (hurry)
             task_set_priority(task_getpid(), SPILL_PRIORITY);

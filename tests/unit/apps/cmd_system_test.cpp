@@ -113,4 +113,40 @@ TEST_F(CmdSystem, ShowsTheEndOfTheLog) {
         EXPECT_EQ(run(cmd_dmesg, bad), "Usage: dmesg [lines]\n") << bad;
 }
 
+TEST_F(CmdSystem, ListsTasksAsTheyAre) {
+    task_t* deep[12];
+    for (int i = 0; i < 12; ++i) {
+        deep[i] = task_create(("t" + std::to_string(i)).c_str(), [] {}, 3);
+        deep[i]->parent_pid = i;  // t0 (pid 1) is a root
+    }
+    deep[11]->parent_pid = 99;  // it is gone
+    deep[9]->state = TASK_ZOMBIE;
+    deep[10]->state = TASK_DEAD;
+    const std::string tree = run(cmd_ptree, "ptree");
+    EXPECT_EQ(tree.find("PID  PPID  STATE  NAME\n0    0     run   boot\n1    0     rdy   t0\n"
+                        "  2    1     rdy   t1\n  12   99    rdy   t11\n    3    2     rdy   t2\n"),
+              0u)
+        << tree;
+    EXPECT_NE(tree.find("              8    7     rdy   t7\n"), std::string::npos) << tree;
+    EXPECT_EQ(tree.find("t8"), std::string::npos) << tree;
+    const std::string ps = run(cmd_ps, "ps");
+    EXPECT_EQ(ps.find("PID  PRI  STATE    NAME\n---  ---  -------  ----\n"
+                      "  0    4  running  boot\n  1    3    ready  t0\n"),
+              0u)
+        << ps;
+    EXPECT_NE(ps.find(" 10    3   zombie  t9\n 12"), std::string::npos) << ps;
+    system_ticks = 2 * 360000 + 3 * 6000 + 459;
+    const std::string status = run(cmd_status, "status");
+    EXPECT_NE(status.find("2h 3m 4s (738459 ticks)"), std::string::npos) << status;
+    EXPECT_NE(status.find("12 total (1 run, 10 ready, 1 blocked)"), std::string::npos) << status;
+    char screen[2048];
+    console_start_capture(screen, sizeof screen);
+    const std::string top = run(cmd_top, "top");
+    console_stop_capture();
+    EXPECT_NE(top.find("Tasks: 13  (R:1  W:10  B:0)\n"), std::string::npos) << top;
+    EXPECT_EQ(run(cmd_cpu, "cpu"),
+              "Per-CPU scheduler snapshot\n"
+              "CPU 0: active=Y  current=boot(0)  switches=0  [busy]\n");
+}
+
 }  // namespace
