@@ -102,5 +102,5 @@ def test_an_overrun_stack_ends_the_task_alone(machine):
     one = machine(disk=False)
     with one.expect_fault():
         one.send("crash stack\r")
-        one.wait_for("[FAULT] Stack overflow in 'shell' (pid 2)\r\n")
+        one.wait_for(re.compile(r"\[FAULT\] Stack overflow in 'shell' \(pid \d+\)\r\n"))
         assert one.read_for(1) == ""
