@@ -51,6 +51,7 @@ void machine_install_ram(uint32_t megabytes) {
 }
 
 void machine_boot_memory(uint32_t megabytes) {
+    machine_reset();
     machine_install_ram(megabytes);
     machine_capture_texts();
     boot_info info(megabytes * 1024 - 1024);
@@ -58,6 +59,16 @@ void machine_boot_memory(uint32_t megabytes) {
     pmm_init(info.get());
     vmm_init();
     heap_init();
+}
+
+uint32_t heap_used() {
+    uint32_t total, used;
+    heap_get_stats(&total, &used);
+    return used;
+}
+
+heap_ptr<uint8_t> take_heap_but(uint32_t room) {
+    return heap_ptr<uint8_t>::make(HEAP_BYTES - heap_used() - room);
 }
 
 std::string& machine_texts() { return texts; }

@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "kernel/core/heap_ptr.h"
 #include "kernel/core/multiboot.h"
+#include "tests/machine/machine.h"
 
 /// Boot information with a memory map, as the loader would leave it.
 class boot_info {
@@ -27,9 +29,15 @@ private:
 /// Puts fresh, zeroed RAM of `megabytes` into the machine; its image ends at image_end().
 void machine_install_ram(uint32_t megabytes);
 
-/// RAM with a plain memory map, and frames, paging and heap initialised on it. Texts of the kernel
-/// go to machine_texts() from then on.
+/// The machine anew, with RAM, a plain memory map, and frames, paging and heap initialised on it.
+/// Texts of the kernel go to machine_texts() from then on.
 void machine_boot_memory(uint32_t megabytes = 128);
+
+/// Bytes of the heap that are in use, headers included.
+uint32_t heap_used();
+
+/// Takes the heap but for `room` bytes, while the result lives; nothing was freed before.
+heap_ptr<uint8_t> take_heap_but(uint32_t room);
 
 /// What kprintf has said since machine_capture_texts() or machine_boot_memory(); the caller clears.
 std::string& machine_texts();

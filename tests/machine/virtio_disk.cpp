@@ -4,11 +4,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "kernel/core/interrupt.h"
-#include "kernel/core/kprintf.h"
-#include "kernel/core/running.h"
-#include "kernel/graph/causal.h"
-#include "tests/machine/memory.h"
+#include "tests/machine/kernel.h"
 
 namespace {
 
@@ -249,11 +245,7 @@ disk_machine::~disk_machine() {
 }
 
 void disk_machine::reboot() {
-    machine_reset();
-    machine().log_ports = false;
-    system_ticks = 0;
-    machine_boot_memory(megabytes_);
-    causal_init();
+    boot_kernel(megabytes_);
     bus.attach();
     bus.add(0, 3, 0, VIRTIO_VENDOR, virtio_disk::DEVICE_ID, virtio_disk::PORT | 1);
     disk.attach(virtio_disk::PORT);

@@ -3,26 +3,16 @@
 #include <gtest/gtest.h>
 
 #include "kernel/drivers/hwrng.h"
-#include "tests/machine/machine.h"
-#include "tests/machine/memory.h"
+#include "tests/machine/kernel.h"
 
 namespace {
 
 class CmdCrypto : public testing::Test {
 protected:
     void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
+        boot_kernel();
         machine().rdrand = [](uint32_t* word) { return *word = 0xABC, true; };
         hwrng_init();
-    }
-    static std::string run(void (*command)(int, char**), std::vector<std::string> words) {
-        std::vector<char*> argv;
-        for (std::string& word : words)
-            argv.push_back(word.data());
-        machine_texts().clear();
-        command(static_cast<int>(argv.size()), argv.data());
-        return machine_texts();
     }
 };
 
@@ -37,23 +27,23 @@ TEST_F(CmdCrypto, RunsAllSelfTests) {
         "  BLAKE2s (RFC 7693 KAT)    PASS\n"
         "  X25519 (RFC 7748 KAT)     PASS\n"
         "crypto selftest: PASS\n";
-    EXPECT_EQ(run(cmd_crypto, {"crypto"}), report);
-    EXPECT_EQ(run(cmd_crypto, {"crypto", "selftest"}), report);
-    EXPECT_EQ(run(cmd_crypto, {"crypto", "self"}), "usage: crypto [selftest]\n");
+    EXPECT_EQ(run(cmd_crypto), report);
+    EXPECT_EQ(run(cmd_crypto, {"selftest"}), report);
+    EXPECT_EQ(run(cmd_crypto, {"self"}), "usage: crypto [selftest]\n");
 }
 
 TEST_F(CmdCrypto, PrintsRandomWordsFourToALine) {
     const std::string word = "  00000abc", head = "RDRAND=yes RDSEED=no\n";
     const std::string line = word + word + word + word + "\n";
-    EXPECT_EQ(run(cmd_random, {"random"}), head + line + line);
-    EXPECT_EQ(run(cmd_random, {"random", "5"}), head + line + word + "\n");
-    EXPECT_EQ(run(cmd_random, {"random", "-3"}), head + word + "\n");
-    EXPECT_EQ(run(cmd_random, {"random", "0"}), head + word + "\n");
+    EXPECT_EQ(run(cmd_random), head + line + line);
+    EXPECT_EQ(run(cmd_random, {"5"}), head + line + word + "\n");
+    EXPECT_EQ(run(cmd_random, {"-3"}), head + word + "\n");
+    EXPECT_EQ(run(cmd_random, {"0"}), head + word + "\n");
     std::string most = head;
     for (int i = 0; i < 16; ++i)
         most += line;
-    EXPECT_EQ(run(cmd_random, {"random", "65"}), most);
-    EXPECT_EQ(run(cmd_random, {"random", "many"}), "usage: random [n]\n");
+    EXPECT_EQ(run(cmd_random, {"65"}), most);
+    EXPECT_EQ(run(cmd_random, {"many"}), "usage: random [n]\n");
 }
 
 }  // namespace

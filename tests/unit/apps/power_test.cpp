@@ -2,13 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "arch/x86/switch.h"
-#include "kernel/core/task.h"
 #include "kernel/drivers/kbpoll.h"
 #include "kernel/drivers/keyboard.h"
-#include "kernel/graph/causal.h"
 #include "tests/machine/input.h"
-#include "tests/machine/memory.h"
+#include "tests/machine/kernel.h"
 
 namespace {
 
@@ -21,13 +18,7 @@ protected:
     input_ports ports;
 
     void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
-        fake_switch_reset();
-        machine().log_ports = false;
-        interrupt_init();
-        causal_init();
-        task_init();
+        boot_kernel();
         ports.attach();
         keyboard_init();
         calls.clear();

@@ -2,13 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "arch/x86/switch.h"
-#include "kernel/core/task.h"
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/dmesg.h"
 #include "kernel/fs/ramfs.h"
 #include "kernel/graph/timeline.h"
-#include "tests/machine/memory.h"
 #include "tests/unit/graph/causal_fixture.h"
 
 namespace {
@@ -41,12 +38,7 @@ bool terminal_session(console_session_t* out) {
 class Shell : public causal_fixture {
 protected:
     void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
         causal_fixture::SetUp();
-        fake_switch_reset();
-        interrupt_init();
-        task_init();
         fs_init();
         timeline_init();
         shell_init();

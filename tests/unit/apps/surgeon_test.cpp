@@ -4,14 +4,11 @@
 
 #include <cstring>
 #include <deque>
-#include <string>
 
 #include "arch/x86/cpu.h"
 #include "arch/x86/tables.h"
 #include "kernel/core/kprintf.h"
-#include "kernel/core/task.h"
-#include "kernel/graph/causal.h"
-#include "tests/machine/memory.h"
+#include "tests/machine/kernel.h"
 
 namespace {
 
@@ -51,12 +48,8 @@ public:
 class Surgeon : public ::testing::Test {
 protected:
     void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
+        boot_kernel();
         kprintf_set_console([](const char* text) { shown += text; });
-        interrupt_init();
-        task_init();
-        causal_init();
         machine().cr0 = 1u << 31;
         machine().on_pause = [this] {
             if (ports.arrived && ports.serial.empty() && ports.keys.empty())

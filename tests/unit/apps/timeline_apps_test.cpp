@@ -2,7 +2,6 @@
 #include "kernel/apps/cmd_timeline.h"
 #include "kernel/apps/mail.h"
 #include "kernel/apps/notes.h"
-#include "kernel/core/interrupt.h"
 #include "kernel/fs/ramfs.h"
 #include "kernel/graph/actor.h"
 #include "kernel/graph/timeline.h"
@@ -21,18 +20,9 @@ protected:
         notes_init();
         machine_texts().clear();
     }
-    static std::string say(void (*command)(int, char**), std::vector<std::string> args) {
-        args.insert(args.begin(), "name");
-        std::vector<char*> argv;
-        for (std::string& arg : args)
-            argv.push_back(arg.data());
-        machine_texts().clear();
-        command(static_cast<int>(argv.size()), argv.data());
-        return machine_texts();
-    }
-    static std::string note(std::vector<std::string> args) { return say(cmd_note, args); }
-    static std::string mail(std::vector<std::string> args) { return say(cmd_mail, args); }
-    static std::string tl(std::vector<std::string> args) { return say(cmd_timeline, args); }
+    static std::string note(std::vector<std::string> args) { return run(cmd_note, args); }
+    static std::string mail(std::vector<std::string> args) { return run(cmd_mail, args); }
+    static std::string tl(std::vector<std::string> args) { return run(cmd_timeline, args); }
 };
 
 TEST_F(TimelineApps, NotesAreWhatTheirHistoryAddsUpTo) {
@@ -162,9 +152,9 @@ TEST_F(TimelineApps, TheCommandChangesAndCompares) {
 TEST_F(TimelineApps, RewindMovesAllOrOne) {
     system_ticks = 50;
     notes_add("later");
-    EXPECT_EQ(say(cmd_rewind, {"20", "note"}), "Rewound to T+20: 1 timelines\n");
-    EXPECT_NE(say(cmd_rewind, {}).find("note                 T+0 (rewound)\n"), std::string::npos);
-    EXPECT_EQ(say(cmd_rewind, {"now"}), "Back to now: 2 timelines\n");
+    EXPECT_EQ(run(cmd_rewind, {"20", "note"}), "Rewound to T+20: 1 timelines\n");
+    EXPECT_NE(run(cmd_rewind, {}).find("note                 T+0 (rewound)\n"), std::string::npos);
+    EXPECT_EQ(run(cmd_rewind, {"now"}), "Back to now: 2 timelines\n");
     EXPECT_EQ(timeline_cursor_tick(timeline_find("note")), 50u);
 }
 

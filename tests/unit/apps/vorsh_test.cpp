@@ -2,9 +2,7 @@
 
 #include "kernel/apps/shell.h"
 #include "kernel/apps/vorsh/script.h"
-#include "kernel/core/memory.h"
 #include "kernel/fs/overlay.h"
-#include "tests/machine/memory.h"
 #include "tests/unit/graph/causal_fixture.h"
 
 namespace {
@@ -12,12 +10,9 @@ namespace {
 class Vorsh : public causal_fixture {
 protected:
     void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
         causal_fixture::SetUp();
         fs_init();
         shell_init();
-        screen.clear();
     }
     /// What running `text` prints.
     static std::string run(const std::string& text) {
@@ -35,12 +30,6 @@ protected:
         EXPECT_EQ(
             overlay_write(path, VORN_ROUTE_RAM, text.data(), static_cast<uint32_t>(text.size())),
             0);
-    }
-    static uint32_t heap_used() {
-        uint32_t total = 0;
-        uint32_t used = 0;
-        heap_get_stats(&total, &used);
-        return used;
     }
 };
 

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "kernel/core/memory.h"
-#include "tests/machine/machine.h"
 #include "tests/machine/memory.h"
 #include "tests/unit/core/noise_vectors.h"
 
@@ -66,17 +64,13 @@ struct signer_t {
 
 class Ed25519 : public testing::Test {
 protected:
-    void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
-    }
+    void SetUp() override { machine_boot_memory(); }
 };
 
 // Together the scalars of so many signatures use every entry of the base-point table.
 TEST_F(Ed25519, AgreesWithAnIndependentImplementationAndVerifies) {
     bytes_t outputs;
-    uint32_t total, before, after;
-    heap_get_stats(&total, &before);
+    const uint32_t before = heap_used();
     for (uint32_t i = 0; i <= 100; ++i) {
         const uint32_t n = i < 100 ? i : ED25519_MESSAGE_MAX;
         signer_t signer(pattern(n & 0xFF, 32));
@@ -88,8 +82,7 @@ TEST_F(Ed25519, AgreesWithAnIndependentImplementationAndVerifies) {
         EXPECT_EQ(hex(signer.sk.data() + 32, 32), hex(signer.pk));
     }
     EXPECT_EQ(over(outputs), "5f268ce9786ee2038c24d22600072d01d77bda6c73f85b6136db61990c8cb7ff");
-    heap_get_stats(&total, &after);
-    EXPECT_EQ(after, before);
+    EXPECT_EQ(heap_used(), before);
 }
 
 TEST_F(Ed25519, AnswersTheStandard) {
@@ -169,9 +162,7 @@ TEST_F(Ed25519, RefusesLongMessagesAndLackOfMemory) {
     EXPECT_EQ(signer.verify(message), -1);
     message.pop_back();
     ASSERT_EQ(signer.sign(message), 0);
-    for (size_t size = HEAP_BYTES; size >= 1024; size /= 2)
-        while (kmalloc(size) != nullptr)
-            continue;
+    const auto rest = take_heap_but(1024);
     EXPECT_EQ(signer.sign(message), -1);
     EXPECT_EQ(signer.verify(message), -1);
 }

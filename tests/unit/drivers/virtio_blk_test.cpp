@@ -4,9 +4,6 @@
 
 #include <algorithm>
 
-#include "arch/x86/switch.h"
-#include "kernel/core/interrupt.h"
-#include "kernel/core/task.h"
 #include "tests/machine/virtio_disk.h"
 #include "tests/unit/drivers/virtio_fixture.h"
 
@@ -131,11 +128,8 @@ TEST_F(VirtioBlk, ALieIsAFailureAndDoesNoHarm) {
 }
 
 TEST_F(VirtioBlk, TasksAtTheSameTimeGetOneRequestEach) {
-    interrupt_init();
-    fake_switch_reset();
-    fake_switch.coroutines = true;
-    running() = {};
     task_init();
+    fake_switch.coroutines = true;
     sched_start();
     int inside = 0;
     disk.during_request = [&] {

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "kernel/core/memory.h"
-#include "tests/machine/memory.h"
 #include "tests/unit/graph/causal_fixture.h"
 
 namespace {
@@ -11,11 +9,8 @@ namespace {
 class RamFs : public causal_fixture {
 protected:
     void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
         causal_fixture::SetUp();
         fs_init();
-        screen.clear();
     }
     static std::string names(const char* path, size_t size = FS_LIST_BYTES) {
         std::string text(size, '#');
@@ -25,13 +20,6 @@ protected:
         std::string text(node->size, '#');
         EXPECT_EQ(fs_read(node, text.data(), text.size() + 9, 0), static_cast<int>(text.size()));
         return text;
-    }
-    static std::string last_event() { return causal_get(causal_total_events())->desc; }
-    static uint32_t heap_used() {
-        uint32_t total = 0;
-        uint32_t used = 0;
-        heap_get_stats(&total, &used);
-        return used;
     }
 };
 
@@ -46,7 +34,7 @@ TEST_F(RamFs, BeginsWithItsDirectoriesAndFiles) {
     EXPECT_STREQ(causal_get(2)->desc, "mkdir /bin");
     EXPECT_EQ(causal_get(2)->type, CAUSAL_FS);
     EXPECT_STREQ(causal_get(2)->subsystem, "fs");
-    EXPECT_EQ(last_event(), "write profile (121 bytes)");
+    EXPECT_EQ(newest(), "write profile (121 bytes)");
 }
 
 TEST_F(RamFs, ResolvesOnlyWhatIsThere) {
@@ -62,7 +50,7 @@ TEST_F(RamFs, ResolvesOnlyWhatIsThere) {
 TEST_F(RamFs, CreatesWhereADirectoryIs) {
     fs_node_t* file = fs_create_file("top");
     ASSERT_NE(file, nullptr);
-    EXPECT_EQ(last_event(), "create top");
+    EXPECT_EQ(newest(), "create top");
     EXPECT_EQ(fs_write(file, "kept", 4), 0);
     const std::string longest(63, 'n');
     EXPECT_NE(fs_create_file(("/tmp/" + longest).c_str()), nullptr);
@@ -89,7 +77,7 @@ TEST_F(RamFs, ContentsGrowInStepsAndNeverShrink) {
     EXPECT_EQ(written(257), 512u);
     EXPECT_EQ(written(10), 512u);
     EXPECT_EQ(fs_append(file, std::string(502, 'a').data(), 502), 0);
-    EXPECT_EQ(last_event(), "append f (502 bytes)");
+    EXPECT_EQ(newest(), "append f (502 bytes)");
     EXPECT_EQ(file->capacity, 512u);
     // The data may be the file's own.
     EXPECT_EQ(fs_append(file, file->data + 9, 2), 0);
@@ -128,7 +116,7 @@ TEST_F(RamFs, ARemovedNodeRefusesEverythingAndLeaksNothing) {
     for (const char* path : {"/tmp/d", "/", "/none", ""})
         EXPECT_EQ(fs_remove(path), -1);
     EXPECT_EQ(fs_remove("tmp/d/f"), 0);
-    EXPECT_EQ(last_event(), "delete tmp/d/f");
+    EXPECT_EQ(newest(), "delete tmp/d/f");
     EXPECT_EQ(heap_used(), used);
     char byte;
     EXPECT_EQ(fs_read(file, &byte, 1, 0), -1);
@@ -154,7 +142,7 @@ TEST_F(RamFs, SlotsAreNeverUsedTwice) {
 TEST_F(RamFs, RenamesWithoutLosingTheNode) {
     fs_node_t* motd = fs_resolve("/etc/motd");
     EXPECT_EQ(fs_rename("/etc/motd", "/tmp/m"), 0);
-    EXPECT_EQ(last_event(), "rename /etc/motd -> /tmp/m");
+    EXPECT_EQ(newest(), "rename /etc/motd -> /tmp/m");
     EXPECT_EQ(fs_resolve("/tmp/m"), motd);
     EXPECT_EQ(names("/etc") + names("/tmp"), "profile\nm\n");
     EXPECT_EQ(fs_rename("/etc", "/tmp/etc"), 0);

@@ -4,13 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <string>
-#include <vector>
 
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/blockfs/format.h"
-#include "kernel/graph/causal.h"
-#include "tests/machine/memory.h"
+#include "tests/machine/kernel.h"
 #include "tests/machine/virtio_disk.h"
 
 using bytes_t = std::vector<uint8_t>;

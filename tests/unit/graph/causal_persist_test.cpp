@@ -33,7 +33,6 @@ protected:
         }
         return found;
     }
-    static std::string newest() { return causal_get(causal_total_events())->desc; }
 };
 
 TEST_F(CausalPersist, TheNewestEventsComeBackWithTheirTimes) {

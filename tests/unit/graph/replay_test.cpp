@@ -1,16 +1,11 @@
 #include "kernel/graph/replay.h"
 
-#include "tests/machine/memory.h"
 #include "tests/unit/graph/causal_fixture.h"
 
 namespace {
 
 class Replay : public causal_fixture {
 protected:
-    void SetUp() override {
-        machine_boot_memory();
-        causal_fixture::SetUp();
-    }
     static replay_snapshot_t at(uint32_t tick) {
         replay_snapshot_t snap;
         EXPECT_EQ(replay_at(tick, &snap), 0);

@@ -2,7 +2,6 @@
 
 #include "kernel/core/task/sched.h"
 #include "kernel/graph/timeline/format.h"
-#include "tests/machine/memory.h"
 #include "tests/unit/graph/causal_fixture.h"
 
 namespace {
@@ -11,7 +10,6 @@ class Timeline : public causal_fixture {
 protected:
     void SetUp() override {
         causal_fixture::SetUp();
-        machine_boot_memory();
         timeline_init();
         tl = timeline_create("app/1", "app");
     }
@@ -216,7 +214,6 @@ TEST_F(Timeline, FollowsTheNumberingAndOnlyProcessorZero) {
 }
 
 TEST_F(Timeline, OfATaskEndsWithIt) {
-    task_init();
     timeline_watch_tasks();
     task_t task = {};
     for (task.pid = 1; task.pid <= 3 * TIMELINE_SLOTS; ++task.pid) {

@@ -38,12 +38,6 @@ uint8_t* bytes(size_t size) { return static_cast<uint8_t*>(kmalloc(size)); }
 /// The texts since the last call.
 std::string said() { return std::exchange(machine_texts(), ""); }
 
-uint32_t used() {
-    uint32_t total = 0, used = 0;
-    heap_get_stats(&total, &used);
-    return used;
-}
-
 class Heap : public testing::Test {
 protected:
     void SetUp() override {
@@ -126,14 +120,14 @@ TEST_F(Heap, PlacesEveryBlockWhereFirstFitSays) {
     }
     for (const live_t& block : live)
         kfree(block.ptr);
-    EXPECT_EQ(used(), 16u);
+    EXPECT_EQ(heap_used(), 16u);
     EXPECT_EQ(said().find("[heap]"), std::string::npos);
 }
 
 TEST_F(Heap, SizesAndExhaustion) {
     for (const auto& [size, data] : {std::pair{0u, 8u}, {1, 16}, {8, 16}, {9, 24}, {17, 32}}) {
         void* p = kmalloc(size);
-        EXPECT_EQ(used(), 16 + data + 16) << size;
+        EXPECT_EQ(heap_used(), 16 + data + 16) << size;
         kfree(p);
     }
     EXPECT_EQ(kmalloc(WHOLE - 7), nullptr);
@@ -142,11 +136,11 @@ TEST_F(Heap, SizesAndExhaustion) {
               "HEAP: out of memory (wanted 50331625 bytes)\n"
               "HEAP: out of memory (wanted 4294967295 bytes)\n");
     void* all = kmalloc(WHOLE - 8);
-    EXPECT_EQ(used(), HEAP_BYTES);
+    EXPECT_EQ(heap_used(), HEAP_BYTES);
     EXPECT_EQ(kmalloc(0), nullptr);
     kfree(all);
     kfree(nullptr);
-    EXPECT_EQ(used(), 16u);
+    EXPECT_EQ(heap_used(), 16u);
 }
 
 TEST_F(Heap, AlignedBlocksStandAtTheirMultipleAndFreeTheWholeBlock) {
@@ -156,7 +150,7 @@ TEST_F(Heap, AlignedBlocksStandAtTheirMultipleAndFreeTheWholeBlock) {
         memset(p, 0xEE, 100);
         kfree(p);
     }
-    EXPECT_EQ(used(), 16u);
+    EXPECT_EQ(heap_used(), 16u);
     EXPECT_EQ(kmalloc_aligned(1, 24), nullptr);
     EXPECT_EQ(kmalloc_aligned(0xFFFFFFF0, 64), nullptr);
     EXPECT_EQ(said(),
@@ -171,7 +165,7 @@ TEST_F(Heap, RefusesPointersThatAreNotLiveBlocks) {
     uint8_t* b = bytes(64);
     auto* aligned = static_cast<uint8_t*>(kmalloc_aligned(100, 64));
     memset(b, 0, 64);
-    const uint32_t before = used();
+    const uint32_t before = heap_used();
     int local = 0;
     for (const uint32_t addr : {1u, start, start + 12, end, 0xFFFFFFFFu, address(&local),
                                 address(b) + 8, address(b) + 9, address(aligned) + 8}) {
@@ -185,13 +179,13 @@ TEST_F(Heap, RefusesPointersThatAreNotLiveBlocks) {
     kfree(a);
     kfree(a);
     EXPECT_EQ(said(), "[heap] WARNING: double-free detected at " + hex(a) + "\n");
-    EXPECT_EQ(used(), before - 72);
+    EXPECT_EQ(heap_used(), before - 72);
     for (void* p : {static_cast<void*>(b), static_cast<void*>(aligned)}) {
         kfree(p);
         kfree(p);
         EXPECT_NE(said().find("not a live allocation base"), std::string::npos) << "merged";
     }
-    EXPECT_EQ(used(), 16u);
+    EXPECT_EQ(heap_used(), 16u);
 }
 
 TEST_F(Heap, ReportsOverwrittenGuardsAndFreesTheBlockAnyway) {
@@ -209,7 +203,7 @@ TEST_F(Heap, ReportsOverwrittenGuardsAndFreesTheBlockAnyway) {
     EXPECT_EQ(text.substr(text.size() - 10), ", task=7)\n");
     EXPECT_EQ(events, "mem: heap corruption pre-guard at " + hex(p) +
                           "\nmem: heap corruption post-guard at " + hex(p) + " size=10\n");
-    EXPECT_EQ(used(), 16u);
+    EXPECT_EQ(heap_used(), 16u);
 }
 
 TEST_F(Heap, SurvivesEveryOverwrittenHeaderWord) {
@@ -223,7 +217,7 @@ TEST_F(Heap, SurvivesEveryOverwrittenHeaderWord) {
                     p = bytes(40);
                 kfree(block[1]);
                 memcpy(block[victim] - 20 + 4 * word, &junk, 4);
-                used();
+                heap_used();
                 heap_diagnostics();
                 void* fits = kmalloc(40);
                 EXPECT_EQ(fits, block[1]);
@@ -234,7 +228,7 @@ TEST_F(Heap, SurvivesEveryOverwrittenHeaderWord) {
                 if (victim != 1 || word != 1) {
                     EXPECT_NE(text.find("CORRUPTION"), std::string::npos) << text;
                 }
-                EXPECT_EQ(used(), 16u);
+                EXPECT_EQ(heap_used(), 16u);
                 kfree(bytes(WHOLE - 8));
             }
 }
@@ -242,8 +236,8 @@ TEST_F(Heap, SurvivesEveryOverwrittenHeaderWord) {
 TEST_F(Heap, StatisticsStopAtALinkOutOfTheHeapAndSaySoOnce) {
     uint8_t* p = bytes(40);
     memset(p - 8, 0x66, 4);
-    used();
-    used();
+    heap_used();
+    heap_used();
     EXPECT_EQ(said(), "[heap] corrupted block at 0x66666666 (outside 0x501000-0x3501000)\n");
 }
 
@@ -305,7 +299,7 @@ TEST_F(Heap, LargeBlocksAreRecordedAndOwnersFree) {
         EXPECT_FALSE(heap_ptr<uint32_t>::make(SIZE_MAX / 2));
         kfree(heap_ptr<uint32_t>::make().release());
     }
-    EXPECT_EQ(used(), 16u);
+    EXPECT_EQ(heap_used(), 16u);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include "arch/x86/cpu.h"
 #include "kernel/core/memory.h"
 #include "kernel/core/running.h"
-#include "tests/machine/machine.h"
 #include "tests/machine/memory.h"
 
 namespace {
@@ -15,10 +14,7 @@ constexpr uint32_t ACCESSED = 0x20;
 
 class Vmm : public testing::Test {
 protected:
-    void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
-    }
+    void SetUp() override { machine_boot_memory(); }
     void TearDown() override { running().page_dir = nullptr; }
 
     static uint32_t address(const uint32_t* p) {

@@ -5,32 +5,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "arch/x86/lapic.h"
-#include "arch/x86/switch.h"
-#include "kernel/core/interrupt.h"
 #include "kernel/core/smp.h"
 #include "kernel/core/task/sched.h"
-#include "kernel/graph/causal.h"
-#include "tests/machine/machine.h"
-#include "tests/machine/memory.h"
+#include "tests/machine/kernel.h"
 
 inline uint32_t this_cpu;
 
 class Sched : public testing::Test {
 protected:
     void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
-        interrupt_init();
-        fake_switch_reset();
+        boot_kernel();
         fake_lapic = {};
-        running() = {};
-        causal_init();
         smp_init();
-        task_init();
         this_cpu = 0;
         cpu_id_query = [] { return this_cpu; };
         machine().interrupts_on = true;
@@ -100,11 +88,5 @@ protected:
         for (uint32_t id = 1; id <= causal_total_events(); ++id)
             n += causal_get_ring(id)->desc == text ? 1 : 0;
         return n;
-    }
-
-    static uint32_t heap_used() {
-        uint32_t total = 0, used = 0;
-        heap_get_stats(&total, &used);
-        return used;
     }
 };
