@@ -35,7 +35,9 @@
 #include "kernel/graph/causal.h"
 #include "kernel/graph/causal_persist.h"
 #include "kernel/graph/cjournal.h"
+#include "kernel/graph/epattern.h"
 #include "kernel/graph/replay.h"
+#include "kernel/graph/search.h"
 #include "kernel/graph/timeline.h"
 #include "kernel/graph/whatif.h"
 
@@ -229,10 +231,12 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     mail_init();
     notes_init();
     cjournal_init();
+    csearch_init();
     blame_init();
     tempcap_init();
     liveness_init();
     whatif_init();
+    epattern_init();
     mail_seed_welcome();
     start_system_tasks(button);
     sched_start();

@@ -135,6 +135,11 @@ uint32_t cjournal_segment_event_count(uint32_t segment);
 /// The first indexed segment whose identifier range holds the event: 0, or -1.
 [[nodiscard]] int cjournal_segment_for_event(uint32_t event_id, uint32_t* segment_out);
 
+/// The indexed segment with the lowest identifiers from `from` on; 0 with its number and what it
+/// covers of them, or -1 when there is none.
+[[nodiscard]] int cjournal_next_segment(uint32_t from, uint32_t* segment, uint32_t* first,
+                                        uint32_t* last);
+
 /// "first" and "last" as identifiers of archived events, a decimal number as itself; else 0.
 uint32_t cjournal_resolve_archived_event_arg(const char* arg);
 

@@ -105,3 +105,19 @@ int cjournal_query_children(uint32_t id, cjournal_event_t* out, int max) {
         return 0;
     return children_locked(id, out, max < CJOURNAL_QUERY_MAX ? max : CJOURNAL_QUERY_MAX);
 }
+
+int cjournal_next_segment(uint32_t from, uint32_t* segment, uint32_t* first, uint32_t* last) {
+    const mutex_guard guard(cjournal_lock);
+    int found = -1;
+    for (int32_t i = 0; cjournal_running_locked() && i < cjournal.index_count; i++) {
+        const cjournal_entry_t& entry = cjournal.index[i];
+        const uint32_t start = entry.first_id > from ? entry.first_id : from;
+        if (!entry.active || entry.last_id < from || (found == 0 && start >= *first))
+            continue;
+        *segment = entry.segment_num;
+        *first = start;
+        *last = entry.last_id;
+        found = 0;
+    }
+    return found;
+}
