@@ -39,8 +39,7 @@ bool start_task() REQUIRES(epattern_lock) {
 }
 
 /// Counts the matches in the window whose last event is newer than `after`.
-void count_new(int slot, uint32_t after) REQUIRES(epattern_lock) {
-    epattern_watcher_t& watcher = state.watchers[slot];
+void count_new(epattern_watcher_t& watcher, int slot, uint32_t after) REQUIRES(epattern_lock) {
     epattern_each(watcher.pattern, [&watcher, slot, after](const epattern_match_t& match) {
         const uint32_t last = match.event_ids[match.num_events - 1];
         if (last <= after)
@@ -70,7 +69,7 @@ void show(uint32_t from, uint32_t end) REQUIRES(epattern_lock) {
         epattern_watcher_t& watcher = state.watchers[slot];
         if (!watcher.active || watcher.last_checked >= end)
             continue;
-        count_new(slot, std::max(from, watcher.last_checked));
+        count_new(watcher, slot, std::max(from, watcher.last_checked));
         watcher.last_checked = end;
     }
 }

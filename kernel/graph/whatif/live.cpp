@@ -1,5 +1,6 @@
 // Live tests: they let the system do something and look whether what it records of that goes with
 // the event that it followed from, while a bystander stays.
+#include "kernel/core/cap.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
@@ -35,6 +36,11 @@ outcome_t write_file() {
     return written ? outcome_t::done : outcome_t::failed;
 }
 
+/// The check records what it allows when it is asked in this name.
+outcome_t use_capability() {
+    return cap_require(CAP_FS, "whatif fs") ? outcome_t::done : outcome_t::failed;
+}
+
 /// A broadcast frame of the type that IEEE 802 leaves for experiments.
 outcome_t send_frame() {
     constexpr uint32_t FRAME = 60;
@@ -54,6 +60,7 @@ outcome_t send_frame() {
 constexpr live_t TESTS[] = {
     {"sleeptest", sleep_a_little, {"sched", "wake pid="}},
     {"fstest", write_file, {"fs", "write whatif"}},
+    {"captest", use_capability, {"cap", "ALLOW pid="}},
     {"nettest", send_frame, {"net", "probe sent"}},
 };
 
