@@ -61,7 +61,7 @@ struct cjournal_state_t {
 
 // --- Start and end -------------------------------------------------------------------------------
 
-/// Raises the store's numbering above every event that the volume's segments hold, and carries what
+/// Raises the store's numbering above every event that segments and snapshot hold, and carries what
 /// was recorded in this boot along, after clearing away what a power cut left of a segment. Works
 /// with a lost or wrong index. Without a volume or archived events nothing changes. Prints one
 /// WARNING line when the numbers are used up. Start-up, interrupts masked, before anything is

@@ -91,7 +91,8 @@ public:
 
     /// A journal that still has its first segment has its first event.
     void begin(uint32_t first_number) {
-        if (first_number == 1)
+        begun_ = first_number == 1;
+        if (begun_)
             next_ids_ = {1};
     }
 
@@ -116,7 +117,16 @@ private:
         audit_->faults.push_back("segment " + std::to_string(number) + " " + what);
     }
 
+    /// The oldest may be evicted. Older in number, but not in its events, is what was imported or
+    /// spilled alone: it may be left alone at the front.
     void take_gap(uint32_t first, uint32_t last) {
+        if (!begun_) {
+            audit_->notes.push_back("segments " + range_text(first, last) +
+                                    " are gone, and with them all before them but what was spilled "
+                                    "alone or imported");
+            alone_next_ = 0;
+            return;
+        }
         for (uint32_t number = first; number <= last; ++number) {
             if (accounts_.evicted.contains(number)) {
                 audit_->notes.push_back("segment " + std::to_string(number) +
@@ -136,6 +146,10 @@ private:
         const bool alone = segment.records.size() == 1;
         if (segment.current_layout())
             take_inner_gaps(number, segment);
+        if (!begun_) {
+            take_leading(number, segment);
+            return;
+        }
         if (next_ids_.empty() || next_ids_.contains(first)) {
             if (!alone)
                 next_ids_.clear();
@@ -152,6 +166,22 @@ private:
         else
             take_missing(number, expected, first - 1);
         next_ids_ = {last + 1};
+    }
+
+    /// The regular row begins, at or before what was spilled alone just before it; events alone go
+    /// before it in any order.
+    void take_leading(uint32_t number, const segment_t& segment) {
+        const uint32_t first = segment.header.first_id;
+        if (segment.records.size() == 1) {
+            alone_.insert(first);
+            if (alone_next_ == 0 || first == alone_next_)
+                alone_next_ = first + 1;
+            return;
+        }
+        if (alone_next_ != 0 && first > alone_next_)
+            take_missing(number, alone_next_, first - 1);
+        begun_ = true;
+        next_ids_ = {segment.header.last_id + 1};
     }
 
     void take_inner_gaps(uint32_t number, const segment_t& segment) {
@@ -189,6 +219,8 @@ private:
     audit_t* audit_;
     uint32_t last_number_ = 0;
     const segment_t* last_ = nullptr;
+    bool begun_ = false;           ///< a segment of the regular row was there
+    uint32_t alone_next_ = 0;      ///< behind the events alone at the front; 0: none
     std::set<uint32_t> alone_;     ///< events that were spilled alone
     std::set<uint32_t> next_ids_;  ///< where the next regular segment may begin; empty: anywhere
 };
@@ -213,6 +245,16 @@ void check_twins(const std::map<uint32_t, segment_t>& segments, audit_t* audit) 
 
 // --- The other files ---
 
+/// An import that did not end is taken back at the next start: the index does not name it yet.
+void check_import(const cjournal_index_header_t& index, audit_t* audit) {
+    for (segment_report_t& s : audit->segments) {
+        s.settled = !s.imported || s.number <= index.segments_written;
+        if (!s.settled)
+            audit->notes.push_back("the import of segment " + std::to_string(s.number) +
+                                   " did not end; the next start takes it back");
+    }
+}
+
 void check_index(const files_t& files, uint32_t newest, audit_t* audit) {
     const bytes_t* file = find(files, CJOURNAL_INDEX_PATH);
     cjournal_index_header_t header = {};
@@ -222,6 +264,7 @@ void check_index(const files_t& files, uint32_t newest, audit_t* audit) {
         audit->notes.push_back("there is no valid index; the system rebuilds it");
         return;
     }
+    check_import(header, audit);
     uint32_t highest = 0;
     for (uint32_t i = 0; i < header.entry_count; ++i) {
         cjournal_index_entry_t entry;

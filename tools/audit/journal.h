@@ -29,7 +29,8 @@ struct segment_report_t {
     bool current_layout = false;
     bool imported = false;
     bool is_signed = false;
-    root_t32 root = {};  ///< recomputed from the records
+    bool settled = true;  ///< not of an import that was cut short
+    root_t32 root = {};   ///< recomputed from the records
 };
 
 /// What an audit found. Faults make the journal bad; notes are worth knowing.

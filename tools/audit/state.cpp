@@ -1,6 +1,7 @@
 // A line for each key: its 64 hexadecimal digits, the segment, the root's 64 digits.
 #include "tools/audit/state.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -82,13 +83,14 @@ bool state_compare(const std::string& path, audit_t* audit) {
 }
 
 bool state_remember(const std::string& path, const audit_t& audit) {
-    if (!audit.key || audit.segments.empty())
+    const auto newest = std::find_if(audit.segments.rbegin(), audit.segments.rend(),
+                                     [](const segment_report_t& s) { return s.settled; });
+    if (!audit.key || newest == audit.segments.rend())
         return true;
     memories_t memories;
     if (!load(path, &memories))
         return false;
-    const segment_report_t& newest = audit.segments.back();
-    memories[*audit.key] = {newest.number, newest.root};
+    memories[*audit.key] = {newest->number, newest->root};
     const std::string beside = path + ".new";
     std::ofstream out(beside, std::ios::trunc);
     for (const auto& [key, memory] : memories)

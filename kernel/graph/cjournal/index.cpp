@@ -109,9 +109,19 @@ void rebuild_entry_locked(uint32_t segment, cjournal_event_t* records) REQUIRES(
     cjournal_root_summary_locked(entry);
     entry->active = true;
     cjournal.events_spilled += header.event_count;
-    raise(&cjournal.segments_written, segment);
     if ((entry->flags & CJOURNAL_FLAG_IMPORTED) == 0)
         raise(&cjournal.last_spilled_id, header.last_id);
+}
+
+/// The highest number of a segment whose header reads; before anything is evicted, for that may
+/// write a segment.
+void raise_numbers_locked(const cjournal_listing_t& listing) REQUIRES(cjournal_lock) {
+    cjournal_header_t header;
+    for (uint32_t i = 0; i < listing.count; i++) {
+        if (listing.at(i).has(cjournal_file_t::segment) &&
+            read_segment_header_locked(listing.at(i).segment, &header) == 0)
+            raise(&cjournal.segments_written, listing.at(i).segment);
+    }
 }
 
 }  // namespace
@@ -220,6 +230,7 @@ int rebuild_index_locked() {
     cjournal_listing_t listing;
     cjournal_list_locked(&listing);
     const auto records = cjournal_records_t::make(CJOURNAL_SEGMENT_EVENTS);
+    raise_numbers_locked(listing);
     for (uint32_t i = 0; i < listing.count; i++) {
         if (listing.at(i).has(cjournal_file_t::segment))
             rebuild_entry_locked(listing.at(i).segment, records.get());

@@ -17,6 +17,13 @@
 
 inline mutex_t cjournal_lock;  ///< the one lock of the journal
 
+/// Events that are not on disk and never will be, and the event that says so; all 0: none. It must
+/// be on disk before what shows the gap.
+struct cjournal_account_t {
+    uint32_t first, last;
+    uint32_t event;
+};
+
 /// What is not part of the public state.
 struct cjournal_writer_t {
     uint32_t retention_max_segments;  ///< 1 to 32
@@ -26,10 +33,11 @@ struct cjournal_writer_t {
     uint8_t node_sign_sk[64];
     uint8_t node_sign_pk[32];
     bool node_sign_ready;
-    uint32_t tail_segment;     ///< segment that this boot wrote last; 0: none
-    uint32_t tail_checksum;    ///< its checksum
-    uint32_t lost_through;     ///< last event that was lost before it was spilled; 0: none
-    uint32_t last_spill_tick;  ///< when the spill last wrote something; 0: never
+    uint32_t tail_segment;       ///< segment that this boot wrote last; 0: none
+    uint32_t tail_checksum;      ///< its checksum
+    uint32_t lost_through;       ///< last event that was lost before it was spilled; 0: none
+    cjournal_account_t account;  ///< not on disk yet
+    uint32_t last_spill_tick;    ///< when the spill last wrote something; 0: never
 };
 
 extern cjournal_state_t cjournal GUARDED_BY(cjournal_lock);
@@ -187,13 +195,14 @@ int rebuild_index_locked() REQUIRES(cjournal_lock);
 /// Sets both limits, applies them and saves the index: 0, or -1 when that failed. Takes the mutex.
 int cjournal_set_retention(uint32_t max_segments, uint32_t max_kb) EXCLUDES(cjournal_lock);
 
-/// Evicts the oldest segments until the limits hold; with room for one more if `reserve_slot`.
-/// False when one of them could not be removed.
-bool apply_retention_limit_locked(bool reserve_slot) REQUIRES(cjournal_lock);
+/// Evicts the oldest segments until the byte limit holds and at most `stay` are left; false when
+/// one of them could not be removed.
+bool apply_retention_limit_locked(uint32_t stay) REQUIRES(cjournal_lock);
 
 /// Evicts the segment with the smallest first identifier; false, with its entry in place, when its
 /// file could not be removed. Records "evict %u %s" with its number and root (79 characters), and
-/// both in the payload, before anything is removed.
+/// both in the payload, before anything is removed. An imported segment between others goes only
+/// when that event is on disk, alone in a segment that takes its place in the index.
 bool delete_oldest_segment_locked() REQUIRES(cjournal_lock);
 
 // --- recover -------------------------------------------------------------------------------------
@@ -220,14 +229,18 @@ void cjournal_list_locked(cjournal_listing_t* listing) REQUIRES(cjournal_lock);
 /// Clears away what was left half done; true when a segment is there that the index does not name.
 [[nodiscard]] bool cjournal_recover_locked() REQUIRES(cjournal_lock);
 
-/// The highest identifier that a segment on the volume holds; 0 without one. Where a segment itself
-/// does not tell, its entry in the index file does.
+/// The highest identifier that a segment or the snapshot on the volume holds; 0 without one. Where
+/// a segment itself does not tell, its entry in the index file does.
 [[nodiscard]] uint32_t cjournal_highest_archived_locked() REQUIRES(cjournal_lock);
 
 // --- spill and sign ------------------------------------------------------------------------------
 
 /// The last event that is not the spill's business any more.
 [[nodiscard]] uint32_t cjournal_cursor_locked() REQUIRES(cjournal_lock);
+
+/// Records that events `first` to `last` were lost: "lost %u..%u". The spill sees to it that this
+/// is on disk before a gap shows.
+void cjournal_record_lost_locked(uint32_t first, uint32_t last) REQUIRES(cjournal_lock);
 
 /// cjournal_spill.
 int cjournal_spill_locked(uint32_t count) REQUIRES(cjournal_lock);

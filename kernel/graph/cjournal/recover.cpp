@@ -164,6 +164,20 @@ uint32_t last_id_locked(uint32_t segment) REQUIRES(cjournal_lock) {
     return got == static_cast<int>(sizeof id) && id == file.header.last_id ? id : 0;
 }
 
+/// The newest event of the snapshot, if its header agrees with it; 0 when that cannot be told.
+uint32_t snapshot_last_id() {
+    persist_header_t header;
+    uint32_t id = 0;
+    if (cjournal_read_file(CJOURNAL_SNAPSHOT_PATH, &header, sizeof header, true) != 1 ||
+        !cjournal_snapshot_valid(header))
+        return 0;
+    const auto at =
+        static_cast<uint32_t>(sizeof header + (header.event_count - 1) * sizeof(persist_event_t));
+    const int got =
+        cjournal_read_exact_retry(blockfs_resolve(CJOURNAL_SNAPSHOT_PATH), &id, at, sizeof id);
+    return got == static_cast<int>(sizeof id) && id + 1 == header.next_id ? id : 0;
+}
+
 }  // namespace
 
 void cjournal_list_locked(cjournal_listing_t* listing) {
@@ -218,7 +232,7 @@ uint32_t cjournal_highest_archived_locked() {
     saved.valid = cjournal_read_index_locked(&saved.header, &saved.entries);
     cjournal_listing_t listing;
     cjournal_list_locked(&listing);
-    uint32_t highest = 0;
+    uint32_t highest = snapshot_last_id();
     for (uint32_t i = 0; i < listing.count; i++) {
         if (!listing.at(i).has(cjournal_file_t::segment))
             continue;

@@ -28,7 +28,7 @@ int32_t oldest_entry_locked() REQUIRES(cjournal_lock) {
     return oldest;
 }
 
-void record_eviction_locked(uint32_t segment) REQUIRES(cjournal_lock) {
+uint32_t record_eviction_locked(uint32_t segment) REQUIRES(cjournal_lock) {
     cjournal_root_header_t root;
     char text[CJOURNAL_PATH_SIZE];
     cjournal_path(segment, cjournal_file_t::root, text);
@@ -42,7 +42,35 @@ void record_eviction_locked(uint32_t segment) REQUIRES(cjournal_lock) {
     }
     char desc[CAUSAL_DESC_SIZE];
     ksnprintf(desc, sizeof desc, "evict %u %s", segment, hex);
-    causal_emit_payload(CAUSAL_IO, "cjournal", desc, nullptr, 0, &evicted, sizeof evicted);
+    return causal_emit_payload(CAUSAL_IO, "cjournal", desc, nullptr, 0, &evicted, sizeof evicted);
+}
+
+/// A segment with an older number stays: imported events may be the oldest ones anywhere in the
+/// row.
+bool leaves_gap_locked(int32_t at) REQUIRES(cjournal_lock) {
+    const cjournal_entry_t& goes = cjournal.index[at];
+    for (int32_t i = 0; i < cjournal.index_count; i++) {
+        if (cjournal.index[i].segment_num < goes.segment_num)
+            return (goes.flags & CJOURNAL_FLAG_IMPORTED) != 0;
+    }
+    return false;
+}
+
+/// Writes an event as the next segment, which has no entry yet.
+bool write_alone_locked(uint32_t event, cjournal_draft_t* draft) REQUIRES(cjournal_lock) {
+    if (draft == nullptr || !cjournal_ring_record(event, draft->records()))
+        return false;
+    draft->count = 1;
+    return write_segment_locked(cjournal.segments_written + 1, draft, 0) == 0;
+}
+
+void remove_entry_locked(int32_t at) REQUIRES(cjournal_lock) {
+    const uint32_t events = cjournal.index[at].event_count;
+    cjournal.index_count--;
+    memmove(&cjournal.index[at], &cjournal.index[at + 1],
+            static_cast<size_t>(cjournal.index_count - at) * sizeof cjournal.index[0]);
+    cjournal.index[cjournal.index_count] = {};
+    cjournal.events_spilled -= events < cjournal.events_spilled ? events : cjournal.events_spilled;
 }
 
 /// A signature outlives its segment, so that an evicted root can still be proved to be ours; but
@@ -81,23 +109,27 @@ bool delete_oldest_segment_locked() {
         return false;
     const int32_t at = oldest_entry_locked();
     const uint32_t segment = cjournal.index[at].segment_num;
-    const uint32_t events = cjournal.index[at].event_count;
-    record_eviction_locked(segment);
-    if (!cjournal_remove_segment_locked(segment) && cjournal_segment_exists(segment))
+    const uint32_t event = record_eviction_locked(segment);
+    heap_ptr<cjournal_draft_t> account;
+    if (leaves_gap_locked(at)) {
+        account = heap_ptr<cjournal_draft_t>::make();
+        if (!write_alone_locked(event, account.get()))
+            return false;
+    }
+    if (!cjournal_remove_segment_locked(segment) && cjournal_segment_exists(segment)) {
+        if (account)
+            cjournal_remove_segment_locked(cjournal.segments_written + 1);
         return false;
+    }
     remove_old_signature(segment);
-    cjournal.index_count--;
-    memmove(&cjournal.index[at], &cjournal.index[at + 1],
-            static_cast<size_t>(cjournal.index_count - at) * sizeof cjournal.index[0]);
-    cjournal.index[cjournal.index_count] = {};
-    cjournal.events_spilled -= events < cjournal.events_spilled ? events : cjournal.events_spilled;
+    remove_entry_locked(at);
+    if (account)
+        index_add_segment_locked(cjournal.segments_written + 1, account.get(), 0);
     return true;
 }
 
-bool apply_retention_limit_locked(bool reserve_slot) {
-    const auto target =
-        static_cast<int32_t>(cjournal_writer.retention_max_segments) - (reserve_slot ? 1 : 0);
-    while (cjournal.index_count > (target > 0 ? target : 0) ||
+bool apply_retention_limit_locked(uint32_t stay) {
+    while (cjournal.index_count > static_cast<int32_t>(stay) ||
            (cjournal.index_count > 1 && over_byte_limit_locked())) {
         if (!delete_oldest_segment_locked())
             return false;
@@ -111,6 +143,6 @@ int cjournal_set_retention(uint32_t max_segments, uint32_t max_kb) {
     cjournal_writer.retention_max_kb = max_kb;
     if (!cjournal_running_locked())
         return -1;
-    const bool applied = apply_retention_limit_locked(false);
+    const bool applied = apply_retention_limit_locked(max_segments);
     return save_index_file_locked() == 0 && applied ? 0 : -1;
 }

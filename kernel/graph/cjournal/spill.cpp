@@ -1,6 +1,8 @@
 // The regular spill: unspilled events in runs, each a segment. A run ends at 512 records, where
 // the ring has lost events, and where Lamport time steps back (restored events keep their old one):
-// so the records of a segment are consecutive and lie in the range that its header gives.
+// so the records of a segment are consecutive and lie in the range that its header gives. An event
+// that names lost ones is spilled alone, ahead of the rest, before the segment behind the gap: a
+// machine that is killed leaves no gap that the journal does not account for.
 #include "kernel/core/guards.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/liveness.h"
@@ -31,9 +33,11 @@ uint32_t written_locked() REQUIRES(cjournal_lock) {
 
 /// Names the events up to `last` that the ring lost before they were spilled, as one range: also
 /// those that were named before, if nothing was written since.
-void record_lost_locked(uint32_t last) REQUIRES(cjournal_lock) {
+void ring_lost_locked(uint32_t last) REQUIRES(cjournal_lock) {
+    const bool earlier = cjournal_writer.account.event != 0;
     cjournal_writer.lost_through = last;
-    causal_event_fmt(CAUSAL_IO, "cjournal", "lost %u..%u", written_locked() + 1, last);
+    cjournal_record_lost_locked(earlier ? cjournal_writer.account.first : written_locked() + 1,
+                                last);
 }
 
 /// Fills the draft with up to `limit` consecutive events from the cursor on. What is missing before
@@ -55,17 +59,45 @@ void fill_draft_locked(cjournal_draft_t* draft, uint32_t limit, uint32_t end)
     }
     const uint32_t first = draft->count > 0 ? draft->records()[0].id : id;
     if (first != start)
-        record_lost_locked(first - 1);
+        ring_lost_locked(first - 1);
 }
 
 /// Makes room, writes the draft as the next segment and enters it; false when one of it fails. Room
-/// comes first: on a full volume it is what makes the write possible.
+/// comes first: on a full volume it is what makes the write possible. But the last segment goes
+/// only when there is a newer one, so that the volume always tells which numbers were used.
 bool append_draft_locked(cjournal_draft_t* draft) REQUIRES(cjournal_lock) {
-    const uint32_t segment = cjournal.segments_written + 1;
-    if (segment == 0 || !apply_retention_limit_locked(true) ||
-        write_segment_locked(segment, draft, 0) != 0)
+    const uint32_t stay = cjournal_writer.retention_max_segments - 1;
+    if (!apply_retention_limit_locked(stay > 0 ? stay : 1))
         return false;
+    const uint32_t segment = cjournal.segments_written + 1;  // an eviction may have written one
+    if (segment == 0 || write_segment_locked(segment, draft, 0) != 0)
+        return false;
+    apply_retention_limit_locked(stay);
     index_add_segment_locked(segment, draft, 0);
+    return true;
+}
+
+/// Writes event `id` alone; 1, or -1 when it is not in the ring or that fails.
+int append_alone_locked(uint32_t id) REQUIRES(cjournal_lock) {
+    const auto draft = heap_ptr<cjournal_draft_t>::make();
+    if (!draft || !cjournal_ring_record(id, draft->records()))
+        return -1;
+    draft->count = 1;
+    return append_draft_locked(draft.get()) ? 1 : -1;
+}
+
+/// Appends a run, after what accounts for the gap before it.
+bool append_run_locked(cjournal_draft_t* draft) REQUIRES(cjournal_lock) {
+    const uint32_t account = cjournal_writer.account.event;
+    const uint32_t first = draft->records()[0].id;
+    const bool within = first <= account && account - first < draft->count;
+    if (account != 0 && !within && append_alone_locked(account) != 1)
+        return false;
+    if (!within)
+        cjournal_writer.account = {};
+    if (!append_draft_locked(draft))
+        return false;
+    cjournal_writer.account = {};
     return true;
 }
 
@@ -111,6 +143,11 @@ bool cjournal_ring_record(uint32_t id, cjournal_event_t* out) {
     return true;
 }
 
+void cjournal_record_lost_locked(uint32_t first, uint32_t last) {
+    const uint32_t event = causal_event_fmt(CAUSAL_IO, "cjournal", "lost %u..%u", first, last);
+    cjournal_writer.account = {first, last, event};
+}
+
 int cjournal_spill_locked(uint32_t count) {
     if (!cjournal_running_locked())
         return 0;
@@ -124,7 +161,7 @@ int cjournal_spill_locked(uint32_t count) {
     uint32_t written = 0;
     while (written < count) {
         fill_draft_locked(draft.get(), smaller(count - written, CJOURNAL_SEGMENT_EVENTS), end);
-        if (draft->count == 0 || !append_draft_locked(draft.get()))
+        if (draft->count == 0 || !append_run_locked(draft.get()))
             break;
         cjournal.last_spilled_id = draft->header()->last_id;
         written += draft->count;
@@ -189,11 +226,7 @@ int cjournal_spill_through(uint32_t event_id) {
     const mutex_guard guard(cjournal_lock);
     if (!cjournal_running_locked())
         return -1;
-    const auto draft = heap_ptr<cjournal_draft_t>::make();
-    if (!draft || !cjournal_ring_record(event_id, draft->records()))
-        return -1;
-    draft->count = 1;
-    if (!append_draft_locked(draft.get()))
+    if (append_alone_locked(event_id) != 1)
         return -1;
     if (save_index_file_locked() == 0)
         cjournal_writer.index_source = "live";

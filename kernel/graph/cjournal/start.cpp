@@ -54,32 +54,56 @@ void reset_locked() REQUIRES(cjournal_lock) {
     cjournal_writer.index_source = "none";
 }
 
-/// The last archived event before `id`, imported ones apart; 0 when there is none.
-uint32_t archived_before_locked(uint32_t id) REQUIRES(cjournal_lock) {
-    uint32_t before = 0;
+/// The last event of the regular spill without a gap before it that only this boot can name: the
+/// end of the newest segment of several records. What single ones leave open behind it, they leave
+/// open because they were spilled ahead of the rest.
+uint32_t regular_end_locked() REQUIRES(cjournal_lock) {
+    uint32_t end = 0;
+    uint32_t first = 0;
+    bool from_the_start = cjournal.index_count == 0;
     for (int32_t i = 0; i < cjournal.index_count; i++) {
         const cjournal_entry_t& entry = cjournal.index[i];
-        if ((entry.flags & CJOURNAL_FLAG_IMPORTED) != 0 || entry.first_id >= id)
+        from_the_start = from_the_start || entry.segment_num == 1;
+        if ((entry.flags & CJOURNAL_FLAG_IMPORTED) != 0)
             continue;
-        const uint32_t last = entry.last_id < id ? entry.last_id : id - 1;
-        before = last > before ? last : before;
+        if (entry.event_count > 1)
+            end = entry.last_id > end ? entry.last_id : end;
+        else if (first == 0 || entry.first_id < first)
+            first = entry.first_id;
     }
-    return before;
+    return end == 0 && !from_the_start ? first : end;
 }
 
-/// Names the events that the last boot lost without the event that says so reaching the disk: when
-/// it ended while the spill lagged behind, or had spilled single events ahead of the others. What
-/// lies further back than a ring was named then.
-void record_lost_with_last_boot_locked() REQUIRES(cjournal_lock) {
+/// The first event behind `id` that was spilled alone; 0 without one.
+uint32_t next_alone_locked(uint32_t id) REQUIRES(cjournal_lock) {
+    uint32_t next = 0;
     for (int32_t i = 0; i < cjournal.index_count; i++) {
         const cjournal_entry_t& entry = cjournal.index[i];
-        if ((entry.flags & CJOURNAL_FLAG_IMPORTED) != 0 || entry.first_id == 0 ||
-            uint64_t{entry.first_id} + 2 * CAUSAL_RING_SLOTS < causal_numbering_base())
-            continue;
-        const uint32_t before = archived_before_locked(entry.first_id);
-        if (before + 1 < entry.first_id && (before != 0 || entry.segment_num == 1))
-            causal_event_fmt(CAUSAL_IO, "cjournal", "lost %u..%u", before + 1, entry.first_id - 1);
+        if ((entry.flags & CJOURNAL_FLAG_IMPORTED) == 0 && entry.first_id > id &&
+            (next == 0 || entry.first_id < next))
+            next = entry.first_id;
     }
+    return next;
+}
+
+/// Names the events that the last boot lost: it ended while the spill lagged behind what it had
+/// spilled singly, or what it had put into the snapshot. One range, from the first to the last.
+void record_lost_with_last_boot_locked() REQUIRES(cjournal_lock) {
+    const uint32_t base = causal_numbering_base();
+    uint32_t before = regular_end_locked();
+    uint32_t first = 0;
+    uint32_t last = 0;
+    while (before < base) {
+        const uint32_t next = next_alone_locked(before);
+        const uint32_t behind = next == 0 || next > base ? base + 1 : next;
+        if (behind != before + 1) {
+            first = first == 0 ? before + 1 : first;
+            last = behind - 1;
+        }
+        before = behind;
+    }
+    if (first != 0)
+        cjournal_record_lost_locked(first, last);
 }
 
 bool start_locked() REQUIRES(cjournal_lock) {

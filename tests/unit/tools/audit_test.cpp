@@ -203,6 +203,18 @@ TEST_F(Audit, IdentifiersFollowEachOtherUnlessTheJournalAccountsForThem) {
     EXPECT_NE(findings().find("events 1 are missing before segment 1\n"), std::string::npos);
 }
 
+TEST_F(Audit, WhatWasSpilledAloneOrImportedMayBeLeftAtTheFront) {
+    write(5, {record(40)});
+    write(6, run(20, 23));
+    EXPECT_EQ(verdict(), AUDIT_SOUND) << findings();
+    write(8, run(24, 27));
+    EXPECT_NE(findings().find("segments 7 are missing\n"), std::string::npos);
+    files.erase(name(6, cjournal_file_t::segment));
+    EXPECT_EQ(verdict(), AUDIT_SOUND) << findings();
+    write(6, run(42, 45));
+    EXPECT_NE(findings().find("events 41 are missing before segment 6\n"), std::string::npos);
+}
+
 TEST_F(Audit, AKeyMustBeTheExpectedOne) {
     write(1, run(1, 2));
     key_t32 other = key;
@@ -230,6 +242,15 @@ TEST_F(Audit, AStateFileGivesAwayRollbacksAndCutTails) {
     EXPECT_EQ(compared(), AUDIT_SOUND);
     files = old;
     EXPECT_EQ(compared(), AUDIT_BAD) << "the tail is gone";
+    // An import that a cut broke off will be taken back, and its number used again.
+    write(2, run(5, 8));
+    files["index.jix"] = {};
+    put(&files["index.jix"], cjournal_index_header_t{CJOURNAL_INDEX_MAGIC, 6, 0, 8, 8, 2});
+    write(3, {record(1, "old")}, true, CJOURNAL_FLAG_IMPORTED);
+    ASSERT_TRUE(state_remember(path, audit_journal(files, {})));
+    write(3, run(9, 9));
+    EXPECT_EQ(compared(), AUDIT_SOUND);
+    files = old;
     write(2, {record(5), record(6, "another history")});
     EXPECT_EQ(compared(), AUDIT_BAD) << "another segment 2";
     std::ofstream(path) << "nonsense\n";
