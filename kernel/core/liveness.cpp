@@ -63,7 +63,7 @@ bool task_is_well(pid_t pid) {
     if (task == nullptr)
         return false;
     if (task->state == TASK_BLOCKED)
-        return task->waiting_for_input || task->sleep_until != 0;
+        return !task_waits_for_other(task);
     return task->state == TASK_RUNNING || task->state == TASK_READY;
 }
 

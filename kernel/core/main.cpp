@@ -6,10 +6,13 @@
 #include "arch/x86/hal.h"
 #include "arch/x86/image.h"
 #include "kernel/apps/mail.h"
+#include "kernel/apps/mood.h"
 #include "kernel/apps/notes.h"
 #include "kernel/apps/power.h"
+#include "kernel/apps/sched_app.h"
 #include "kernel/apps/shell.h"
 #include "kernel/apps/surgeon.h"
+#include "kernel/apps/sysdigest.h"
 #include "kernel/core/cap.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/kprintf.h"
@@ -230,13 +233,16 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     cap_init();
     mail_init();
     notes_init();
+    sched_app_init();
     cjournal_init();
     csearch_init();
     blame_init();
     tempcap_init();
     liveness_init();
     whatif_init();
+    sysdigest_init();
     epattern_init();
+    mood_init();
     mail_seed_welcome();
     start_system_tasks(button);
     sched_start();

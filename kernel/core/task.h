@@ -262,6 +262,9 @@ void task_set_term_size(task_t* t, int rows, int cols);
 /// yields. One that holds a mutex ends when it has released it. Task context.
 void task_end_io_session(void* ctx);
 
+/// Whether the task is blocked and neither time nor input ends that, but another task or a device.
+bool task_waits_for_other(const task_t* t);
+
 // --- Who is there --------------------------------------------------------------------------------
 
 /// The running task of this processor; null before task_init.

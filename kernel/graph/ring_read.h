@@ -29,8 +29,20 @@ template <typename read_fn>
     return true;
 }
 
-/// Whether a description speaks of something that went wrong.
+/// Whether a description speaks of something that went wrong, in letters of either case.
 inline bool causal_is_fault(const char* desc) {
-    return strstr(desc, "fault") != nullptr || strstr(desc, "crash") != nullptr ||
-           strstr(desc, "panic") != nullptr;
+    constexpr const char* WORDS[] = {"fault", "crash", "panic"};
+    constexpr char CASE_BIT = 0x20;
+    for (; *desc != '\0'; ++desc) {
+        for (const char* word : WORDS) {
+            const char* at = desc;
+            while (*word != '\0' && (*at | CASE_BIT) == *word) {
+                ++at;
+                ++word;
+            }
+            if (*word == '\0')
+                return true;
+        }
+    }
+    return false;
 }

@@ -16,8 +16,11 @@
 #include "kernel/apps/cmd_timeline.h"
 #include "kernel/apps/cmd_whatif.h"
 #include "kernel/apps/mail.h"
+#include "kernel/apps/mood.h"
 #include "kernel/apps/notes.h"
+#include "kernel/apps/sched_app.h"
 #include "kernel/apps/shell.h"
+#include "kernel/apps/sysdigest.h"
 #include "kernel/apps/vorsh.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
@@ -161,6 +164,8 @@ constinit const command_t commands[] = {
     {"mail", cmd_mail},
     {"note", cmd_note},
     {"proc", cmd_proc},
+    {"schedule", cmd_schedule},
+    {"scheduled", cmd_scheduled},
     {"crypto", cmd_crypto},
     {"hexdump", cmd_hexdump},
     {"random", cmd_random},
@@ -175,7 +180,9 @@ constinit const command_t commands[] = {
     {"tempcap", cmd_tempcap},
     {"liveness", cmd_liveness},
     {"whatif", cmd_whatif},
+    {"digest", cmd_digest},
     {"pattern", cmd_pattern},
+    {"mood", cmd_mood},
     {"ptree", cmd_ptree},
     {"dmesg", cmd_dmesg},
     {"heap", cmd_heap},

@@ -70,6 +70,11 @@ bool task_get_term_size(task_t* t, int* rows, int* cols) {
     return true;
 }
 
+bool task_waits_for_other(const task_t* t) {
+    const sched_guard guard;
+    return t->state == TASK_BLOCKED && t->sleep_until == 0 && !t->waiting_for_input;
+}
+
 const char* task_cpu_current_name(uint32_t cpu) {
     const task_t* t = current_of(cpu);
     return t != nullptr ? t->name : "none";
