@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "arch/x86/switch.h"
+#include "kernel/apps/shell.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/task.h"
 #include "kernel/graph/causal.h"
@@ -35,5 +36,13 @@ inline std::string run(void (*command)(int, char**), std::vector<std::string> ar
         argv.push_back(arg.data());
     machine_texts().clear();
     command(static_cast<int>(argv.size()), argv.data());
+    return machine_texts();
+}
+
+/// What a command prints for a line as it is typed.
+inline std::string run_line(command_fn command, std::string line) {
+    char* argv[SHELL_ARGS_MAX];
+    machine_texts().clear();
+    command(parse_args(line.data(), argv), argv);
     return machine_texts();
 }

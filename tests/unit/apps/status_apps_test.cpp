@@ -7,6 +7,7 @@
 #include "kernel/core/cap.h"
 #include "kernel/graph/actor.h"
 #include "kernel/graph/timeline.h"
+#include "tests/machine/kernel.h"
 #include "tests/unit/core/task/fixture.h"
 
 namespace {
@@ -26,12 +27,6 @@ protected:
     void TearDown() override {
         system_ticks = 0;
         Sched::TearDown();
-    }
-    static std::string run(command_fn command, std::string line) {
-        char* argv[SHELL_ARGS_MAX];
-        machine_texts().clear();
-        command(parse_args(line.data(), argv), argv);
-        return machine_texts();
     }
     static void emit(int count, const char* desc, causal_type_t type = CAUSAL_USER) {
         for (int i = 0; i < count; ++i)
@@ -68,7 +63,7 @@ TEST_F(StatusApps, FaultsMakeItCriticalAndTheirEndMakesItRecover) {
     for (int i = 0; i < 5; ++i)  // the first one sees two of them, the others four
         EXPECT_EQ(sample(2, "Page Fault"), MOOD_ZEN);
     EXPECT_EQ(sample(2, "Page Fault"), MOOD_CRITICAL);
-    const std::string shown = run(cmd_mood, "mood");
+    const std::string shown = run_line(cmd_mood, "mood");
     EXPECT_NE(shown.find("  faults     : 4 recent\n"), std::string::npos) << shown;
     EXPECT_NE(shown.find("Hottest: USER (5 events)"), std::string::npos) << shown;
     char last[80];
@@ -97,35 +92,36 @@ TEST_F(StatusApps, OnlyTheNewestOfATypeCountAsFaults) {
         mood_tick();
     }
     EXPECT_EQ(mood_current(), MOOD_STRESSED);
-    EXPECT_NE(run(cmd_mood, "mood").find("faults     : 2 recent"), std::string::npos);
+    EXPECT_NE(run_line(cmd_mood, "mood").find("faults     : 2 recent"), std::string::npos);
 }
 
 TEST_F(StatusApps, APinnedMoodStaysAndTheHistoryKeepsSixteen) {
-    EXPECT_EQ(run(cmd_mood, "mood history"),
+    EXPECT_EQ(run_line(cmd_mood, "mood history"),
               "  mood transition history:\n  [       0] (^_^) zen\n");
-    EXPECT_EQ(run(cmd_mood, "mood set critical"), "  mood override: (X_X) critical\n");
+    EXPECT_EQ(run_line(cmd_mood, "mood set critical"), "  mood override: (X_X) critical\n");
     for (int i = 0; i < 9; ++i)
         EXPECT_EQ(sample(0), MOOD_CRITICAL);
-    run(cmd_mood, "mood reset");
+    run_line(cmd_mood, "mood reset");
     for (int i = 0; i < 5; ++i)
         sample(0);
     EXPECT_EQ(mood_current(), MOOD_RECOVERING);
     for (int i = 0; i < 8; ++i) {
         system_ticks = 5000 + static_cast<uint32_t>(i);
-        run(cmd_mood, "mood set calm");
-        run(cmd_mood, "mood set busy");
+        run_line(cmd_mood, "mood set calm");
+        run_line(cmd_mood, "mood set busy");
     }
-    const std::string history = run(cmd_mood, "mood history");
+    const std::string history = run_line(cmd_mood, "mood history");
     EXPECT_EQ(std::count(history.begin(), history.end(), '\n'), 17);
     EXPECT_EQ(history.find("  mood transition history:\n  [    5000] (\xb7_\xb7) calm\n"), 0u);
-    EXPECT_EQ(run(cmd_mood, "mood set grim"),
+    EXPECT_EQ(run_line(cmd_mood, "mood set grim"),
               "  unknown mood: grim\n  valid: zen calm busy stressed critical recovering\n");
     for (const char* bad : {"mood x", "mood set", "mood set calm now", "mood reset now"})
-        EXPECT_EQ(run(cmd_mood, bad), "  usage: mood [history|explain|set <mood>|reset]\n") << bad;
+        EXPECT_EQ(run_line(cmd_mood, bad), "  usage: mood [history|explain|set <mood>|reset]\n")
+            << bad;
 }
 
 TEST_F(StatusApps, AScheduledLineRunsOnceAndIsOnTheTimeline) {
-    EXPECT_EQ(run(cmd_schedule, "schedule 50 echo hi  there"),
+    EXPECT_EQ(run_line(cmd_schedule, "schedule 50 echo hi  there"),
               "Scheduled at T+50 (slot 0): echo hi there\n");
     system_ticks = 49;
     machine_texts().clear();
@@ -138,17 +134,17 @@ TEST_F(StatusApps, AScheduledLineRunsOnceAndIsOnTheTimeline) {
     EXPECT_EQ(recorded("schedule: echo hi there at T+50"), 1);
     EXPECT_EQ(recorded("executed: echo hi there"), 1);
     EXPECT_EQ(recorded("fired: echo hi there"), 1);
-    EXPECT_EQ(run(cmd_scheduled, "scheduled"), "Scheduled commands:\n  (none pending)\n");
+    EXPECT_EQ(run_line(cmd_scheduled, "scheduled"), "Scheduled commands:\n  (none pending)\n");
     for (const char* bad :
          {"schedule", "schedule 5", "schedule -1 ls", "schedule 4294967296 ls", "schedule 5x ls"})
-        EXPECT_EQ(run(cmd_schedule, bad), "usage: schedule <tick> <command...>\n") << bad;
+        EXPECT_EQ(run_line(cmd_schedule, bad), "usage: schedule <tick> <command...>\n") << bad;
 }
 
 TEST_F(StatusApps, SixteenLinesWaitAndLongOnesAreCut) {
     const std::string text(200, 'x');
     for (int slot = 0; slot < SCHED_APP_SLOTS; ++slot)
         ASSERT_EQ(sched_app_add(100, text.c_str()), slot);
-    EXPECT_EQ(run(cmd_schedule, "schedule 1 ls"), "[sched] error: all 16 slots full\n");
+    EXPECT_EQ(run_line(cmd_schedule, "schedule 1 ls"), "[sched] error: all 16 slots full\n");
     EXPECT_EQ(sched_app_remove(3), 0);
     EXPECT_EQ(sched_app_remove(3), -1);
     EXPECT_EQ(sched_app_remove(16), -1);
@@ -174,20 +170,20 @@ TEST_F(StatusApps, AScheduledLineMayNoMoreThanWhoScheduledIt) {
 }
 
 TEST_F(StatusApps, TheDigestWarnsOfWhoWaitsForOthers) {
-    EXPECT_NE(run(cmd_digest, "digest health").find("  All systems nominal.\n\n"),
+    EXPECT_NE(run_line(cmd_digest, "digest health").find("  All systems nominal.\n\n"),
               std::string::npos);
     for (int i = 0; i < 6; ++i) {
         task_t* t = task("t", 3);
         task_block(t);
         t->sleep_until = 999;
     }
-    EXPECT_NE(run(cmd_digest, "digest health").find("nominal"), std::string::npos);
+    EXPECT_NE(run_line(cmd_digest, "digest health").find("nominal"), std::string::npos);
     for (int pid = 3; pid < 9; ++pid)
         task_find_by_pid(pid)->sleep_until = 0;
-    EXPECT_EQ(run(cmd_digest, "digest health"),
+    EXPECT_EQ(run_line(cmd_digest, "digest health"),
               " HEALTH\n--------------------------------------------\n"
               "  [WARN] 6 tasks blocked — possible deadlock\n\n");
-    EXPECT_NE(run(cmd_digest, "digest tasks")
+    EXPECT_NE(run_line(cmd_digest, "digest tasks")
                   .find("  Total : 9       Running : 1\n  Ready : 2       Blocked : 6\n"
                         "  Dead  : 0     \n\n  PID  PRI  STATE    NAME\n"
                         "  0    4    running  boot\n"),
@@ -197,7 +193,7 @@ TEST_F(StatusApps, TheDigestWarnsOfWhoWaitsForOthers) {
 
 TEST_F(StatusApps, TheDigestIsPrintedWholeAndCutByPieces) {
     sysdigest_set_network_hook([](sysdigest_network_t* out) { *out = {3, 9, 4, 5}; });
-    const std::string whole = run(cmd_digest, "digest");
+    const std::string whole = run_line(cmd_digest, "digest");
     EXPECT_GT(whole.size(), 1000u);
     EXPECT_NE(whole.find("  Mesh peers : 3\n  TCP conns  : 9  (listen: 4, estab: 5)\n\n"
                          "============================================\n"),
@@ -210,7 +206,8 @@ TEST_F(StatusApps, TheDigestIsPrintedWholeAndCutByPieces) {
     EXPECT_EQ(std::string(small), whole.substr(0, whole.find(" HEALTH")) +
                                       std::string(small).substr(whole.find(" HEALTH")));
     for (const char* bad : {"digest foo", "digest net net"})
-        EXPECT_EQ(run(cmd_digest, bad), "usage: digest [tasks|actors|net|memory|causal|health]\n");
+        EXPECT_EQ(run_line(cmd_digest, bad),
+                  "usage: digest [tasks|actors|net|memory|causal|health]\n");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "kernel/apps/cmd_system.h"
 #include "kernel/apps/shell.h"
 #include "kernel/core/tempcap.h"
+#include "tests/machine/kernel.h"
 #include "tests/unit/core/task/fixture.h"
 
 namespace {
@@ -23,12 +24,6 @@ protected:
     }
     /// From here on the boot task has this pid.
     static void running_as(pid_t pid) { sched.pool[0].pid = pid; }
-    static std::string run(command_fn command, std::string line) {
-        char* argv[SHELL_ARGS_MAX];
-        machine_texts().clear();
-        command(parse_args(line.data(), argv), argv);
-        return machine_texts();
-    }
 };
 
 TEST_F(Cap, ANewTaskGetsItsMaskAndPidsBehindTheTableNothing) {
@@ -77,7 +72,7 @@ TEST_F(Cap, AGrantForATimeIsPendingThenActiveThenExpired) {
     EXPECT_EQ(tempcap_grant_window(9, 0, 10, 50), -1);
     EXPECT_EQ(tempcap_grant_window(9, CAP_NET, 50, 50), -1);
     EXPECT_EQ(tempcap_grant(64, CAP_NET, 1), -1);
-    EXPECT_NE(run(cmd_tempcap, "tempcap list 9").find("pending"), std::string::npos);
+    EXPECT_NE(run_line(cmd_tempcap, "tempcap list 9").find("pending"), std::string::npos);
     running_as(9);
     for (const auto& [tick, valid] :
          {std::pair{9u, false}, {10u, true}, {49u, true}, {50u, false}}) {
@@ -112,16 +107,17 @@ TEST_F(Cap, WhoMayLittleHarmsNobody) {
     EXPECT_EQ(recorded("DENIED pid=9 needs=admin op=renice"), 1);
     for (const pid_t own : {9, child->pid, neighbour->pid})
         EXPECT_EQ(task_set_priority(own, 4), 0) << own;
-    EXPECT_EQ(run(cmd_halt, "halt"), "halt: permission denied (need admin)\n");
-    EXPECT_EQ(run(cmd_crash, "crash div0"), "crash: permission denied (need admin)\n");
-    EXPECT_EQ(run(cmd_tempcap, "tempcap grant 9 admin 5"), "tempcap: grant failed (need admin)\n");
-    EXPECT_EQ(run(cmd_cap, "cap grant 9 all"), "cap: grant failed (need admin)\n");
+    EXPECT_EQ(run_line(cmd_halt, "halt"), "halt: permission denied (need admin)\n");
+    EXPECT_EQ(run_line(cmd_crash, "crash div0"), "crash: permission denied (need admin)\n");
+    EXPECT_EQ(run_line(cmd_tempcap, "tempcap grant 9 admin 5"),
+              "tempcap: grant failed (need admin)\n");
+    EXPECT_EQ(run_line(cmd_cap, "cap grant 9 all"), "cap: grant failed (need admin)\n");
     running_as(0);
     {
         const cap_limit_scope limited(CAP_FS);
-        EXPECT_EQ(run(cmd_cap, "cap test admin"), "admin: DENIED\n");
+        EXPECT_EQ(run_line(cmd_cap, "cap test admin"), "admin: DENIED\n");
     }
-    EXPECT_EQ(run(cmd_cap, "cap grant 9 all"), "Granted all to pid 9\n");
+    EXPECT_EQ(run_line(cmd_cap, "cap grant 9 all"), "Granted all to pid 9\n");
     EXPECT_EQ(cap_get(9), CAP_ALL);
 }
 
