@@ -233,7 +233,6 @@ TEST_F(WhatIf, BranchesKeepWhatTheyWereAndRefuseWhatTheyMust) {
 
 TEST_F(WhatIf, SelfTestsPassOnSoundGroundAndFailWithoutIt) {
     machine_boot_memory();
-    kprintf_set_console([](const char* text) { screen += text; });
     task_init();
     fs_init();
     for (const char* test : {"selftest", "opstest", "demos", "capdemo"})
