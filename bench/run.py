@@ -4,6 +4,7 @@
 Paths on the processor are counted in instructions (QEMU's -icount with one instruction a count);
 devices and boot are timed under plain emulation, as ratios within one run.
 """
+import json
 import os
 import pathlib
 import re
@@ -17,6 +18,8 @@ BENCH_IMAGE = ROOT / "build" / "vorn-bench.elf"
 HOST_BENCHES = [ROOT / "build" / "bench" / name for name in ("event_bench", "crypto_bench")]
 IMAGE = ROOT / "build" / "vorn.elf"
 QEMU = os.environ.get("VORN_QEMU", "qemu-system-i386")
+AUDITOR = ROOT / "build" / "tools" / "vorn-audit"
+JOURNAL_PEER = ROOT / "bench" / "host" / "journal_peer.sh"
 PROMPT = b"vorn:/$ "
 MANDATED_WAIT_S = 0.5  # the pause before the welcome banner
 
@@ -47,6 +50,8 @@ RATES = {
     "vofs-create-1K-delete": ("files/s", 1),
     "vofs-mount-255": ("mounts/s", 1),
     "journal-archived-lookup": ("lookups/s", 1),
+    "journal-spill-512": ("events/s", 1),
+    "journal-verify": ("events/s", 1),
 }
 # name: (the disk's own rate in the same run, aimed share of it); (None, aimed rate)
 DISK_SHARES = {
@@ -55,6 +60,8 @@ DISK_SHARES = {
     "vofs-create-1K-delete": (None, 300),
     "vofs-mount-255": (None, 5),
     "journal-archived-lookup": ("disk-read-512", 0.5),
+    "journal-spill-512": (None, 5000),
+    "journal-verify": (None, None),
 }
 # The device syncs every write in the first mode and none in the second.
 CACHE_MODES = ("writeback", "unsafe")
@@ -110,8 +117,10 @@ def rates(costs, second, amount):
 
 
 def host_rate(path, name, amount, synced):
-    """What the host itself does of `name` on the same file, as the guest's device asks for it."""
+    """What the host itself does of `name` on the same file, as the guest's device asks for it; at
+    its end, where no volume has anything."""
     size = 512 if name.endswith("-512") else 65536
+    place = DISK_BYTES - 64 * size
     data = b"\xa5" * size
     costs = []
     with open(path, "r+b", buffering=0) as image:
@@ -119,9 +128,9 @@ def host_rate(path, name, amount, synced):
             start = time.perf_counter()
             for i in range(64):
                 if "read" in name:
-                    os.pread(image.fileno(), size, i * size)
+                    os.pread(image.fileno(), size, place + i * size)
                 else:
-                    os.pwrite(image.fileno(), data, i * size)
+                    os.pwrite(image.fileno(), data, place + i * size)
                     if synced:
                         os.fdatasync(image.fileno())
             costs.append((time.perf_counter() - start) / 64)
@@ -131,8 +140,27 @@ def host_rate(path, name, amount, synced):
 def share_note(name, medians):
     peer, aim = DISK_SHARES[name]
     if peer is None:
-        return f"aim {aim}"
+        return f"aim {aim}" if aim else "no aim"
     return f"{medians[name] / medians[peer]:.2f}x of {peer}, aim {aim}"
+
+
+def print_audit(image):
+    """The host's auditor on the sealed journal that was measured last, beside the host's own."""
+    costs = []
+    for _ in range(10):
+        start = time.perf_counter()
+        run = subprocess.run([AUDITOR, image, "--json"], capture_output=True, check=False)
+        costs.append(time.perf_counter() - start)
+    report = json.loads(run.stdout)
+    if report["verdict"] != "SOUND":
+        sys.exit(f"bench: the measured journal is {report['verdict']}")
+    events, costs = report["events"], sorted(costs[1:])
+    peer = subprocess.run([JOURNAL_PEER, str(events)], capture_output=True, text=True,
+                          check=False).stdout.strip()
+    note = f"{float(peer) / costs[4]:.1f}x of journalctl --verify, sealed, aim 3x" if peer else \
+        "no sealed journal of the host to measure beside"
+    figure = tuple(f"{events / costs[i]:.0f}" for i in (4, 8, 0))
+    print_line("audit", figure, "events/s", f"{events} events; {note}")
 
 
 def print_storage():
@@ -157,6 +185,7 @@ def print_storage():
                 digits = 0 if figure[0] >= 1000 else 1
                 print_line(name, tuple(f"{rate:.{digits}f}" for rate in figure), unit,
                            f"cache={cache}; {note}")
+        print_audit(image.name)
 
 
 class Guest:

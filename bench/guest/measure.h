@@ -40,5 +40,17 @@ void measure_each(const char* name, uint32_t repeats, Operation operation) {
 /// begins with "bench failed" for what goes wrong.
 void measure_storage();
 
+/// Prints "bench failed" and the name when `result` is not 0.
+inline void check(const char* name, int result) {
+    if (result != 0)
+        kprintf("bench failed %s\n", name);
+}
+
+constexpr uint32_t MEASURE_SECTORS = 128;  // 64 KB
+
+/// Measures the journal on a new volume and leaves a sealed one; `data` is MEASURE_SECTORS sectors
+/// that are no superblock.
+void measure_journal(const uint8_t* data);
+
 /// Measures the filesystem on the same disk; `second` is the time-stamp counts of a second.
 void measure_vofs(uint64_t second);

@@ -1,17 +1,15 @@
-// The storage figures: what one request of the disk costs, and one record of the journal. The lines
-// are in time-stamp counts as all others; "bench second" says how many of them a second has.
+// The storage figures, first what one request of the disk costs. The lines are in time-stamp counts
+// as all others; "bench second" says how many of them a second has.
 #include "arch/x86/ports.h"
 #include "bench/guest/measure.h"
 #include "kernel/core/heap_ptr.h"
 #include "kernel/core/string.h"
 #include "kernel/drivers/virtio_blk.h"
-#include "kernel/fs/blockfs.h"
-#include "kernel/graph/cjournal.h"
 
 namespace {
 
 constexpr uint32_t SMALL = 1;
-constexpr uint32_t LARGE = 128;  // sectors: 64 KB
+constexpr uint32_t LARGE = MEASURE_SECTORS;
 constexpr uint32_t REQUESTS = 64;
 
 /// Counts of a second, by the timer's channel 2, which needs no interrupt.
@@ -30,11 +28,6 @@ uint64_t counts_a_second() {
     return (cpu_rdtsc() - start) * TIMER_HZ / SPAN;
 }
 
-void check(const char* name, int result) {
-    if (result != 0)
-        kprintf("bench failed %s\n", name);
-}
-
 /// Requests of `count` sectors, each behind the one before.
 void measure_requests(const char* write_name, const char* read_name, uint8_t* data,
                       uint32_t count) {
@@ -45,26 +38,6 @@ void measure_requests(const char* write_name, const char* read_name, uint8_t* da
     measure(read_name, REQUESTS, [&] {
         for (uint32_t i = 0; i < REQUESTS; ++i)
             check(read_name, blk_read(i * count, data, count));
-    });
-}
-
-/// Looks records up all over a journal of SEGMENTS full segments, on a new volume.
-void measure_lookup(uint8_t* data) {
-    constexpr uint32_t SEGMENTS = 16, EVENTS = SEGMENTS * CJOURNAL_SEGMENT_EVENTS;
-    constexpr uint32_t LOOKUPS = 128, STRIDE = 4099;  // a prime, so that all are visited
-    constexpr const char* NAME = "journal-archived-lookup";
-    check(NAME, blk_write(0, data, LARGE));
-    blockfs_forget();
-    check(NAME, blockfs_init());
-    cjournal_init();
-    const uint32_t first = causal_get_next_id();
-    for (uint32_t i = 0; i < EVENTS; ++i)
-        causal_emit(CAUSAL_USER, "bench", "to be archived", nullptr, 0);
-    check(NAME, cjournal_spill(EVENTS + first) < static_cast<int>(EVENTS));
-    measure(NAME, LOOKUPS, [&] {
-        cjournal_event_t record;
-        for (uint32_t i = 0; i < LOOKUPS; ++i)
-            check(NAME, cjournal_query_by_id_disk(first + i * STRIDE % EVENTS, &record));
     });
 }
 
@@ -82,5 +55,5 @@ void measure_storage() {
     measure_requests("disk-write-512", "disk-read-512", data.get(), SMALL);
     measure_requests("disk-write-64K", "disk-read-64K", data.get(), LARGE);
     measure_vofs(second);
-    measure_lookup(data.get());
+    measure_journal(data.get());
 }
