@@ -3,9 +3,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "kernel/apps/vorsh/script.h"
 
@@ -13,57 +14,26 @@ namespace {
 
 constexpr uint32_t STEPS = 2000;
 
-// What random bytes would seldom spell.
-constexpr const char* FRAGMENTS[] = {
-    "\n",
-    " ",
-    "set a 1\n",
-    "set ",
-    "a",
-    "b",
-    "$a",
-    "${b}",
-    "$",
-    "{",
-    "expr a $a + 1\n",
-    "expr b ",
-    "1",
-    "0",
-    "-7",
-    "2147483647",
-    " + ",
-    " - ",
-    " * ",
-    " / ",
-    " % ",
-    "while $a < 9\n",
-    "while ",
-    "if 1\n",
-    "if ",
-    "else\n",
-    "end\n",
-    " == ",
-    " != ",
-    " < ",
-    " >= ",
-    "echo ",
-    "exit\n",
-    "#",
-    "\"",
-    "cmd ",
-    "unknown\n",
-    "\t",
-    "\r\n",
-    "\n\n",
-};
+// What random bytes would seldom spell, parted by bars.
+constexpr std::string_view FRAGMENTS =
+    "\n| |set a 1\n|set |a|b|$a|${b}|$|{|expr a $a + 1\n|expr b |1|0|-7|2147483647| + | - | * | / "
+    "| % |while $a < 9\n|while |if 1\n|if |else\n|end\n| == | != | < | >= |echo |exit\n|#|\"|cmd "
+    "|unknown\n|\t|\r\n|\n\n";
 
 /// The input as it stands, or each byte as a fragment.
 std::string make_text(const uint8_t* data, size_t size) {
     if (size == 0 || data[0] % 4 == 0)
         return {reinterpret_cast<const char*>(data), size};
+    static const std::vector<std::string> fragments = [] {
+        std::istringstream parts{std::string(FRAGMENTS)};
+        std::vector<std::string> all;
+        for (std::string part; std::getline(parts, part, '|');)
+            all.push_back(part);
+        return all;
+    }();
     std::string text;
     for (size_t i = 1; i < size; ++i)
-        text += FRAGMENTS[data[i] % std::size(FRAGMENTS)];
+        text += fragments[data[i] % fragments.size()];
     return text;
 }
 

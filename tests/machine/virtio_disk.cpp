@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
 
 #include "tests/machine/kernel.h"
 
@@ -62,8 +61,8 @@ std::vector<uint8_t> disk_image::bytes(uint64_t sector, uint32_t count) const {
     return all;
 }
 
-void disk_image::apply(const write_log_t& log, size_t to, size_t from) {
-    for (size_t i = from; i < std::min(to, log.size()); ++i)
+void disk_image::apply(const write_log_t& log, size_t count) {
+    for (size_t i = 0; i < count; ++i)
         write(log[i].sector, log[i].data.data());
 }
 
@@ -76,22 +75,6 @@ bool disk_image::operator==(const disk_image& other) const {
         });
     };
     return sectors_ == other.sectors_ && held_by(*this, other) && held_by(other, *this);
-}
-
-void disk_image::save(const std::string& path) const {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file.exceptions(std::ios::failbit | std::ios::badbit);
-    for (const auto& [number, chunk] : chunks_) {
-        const uint64_t left = sectors_ - number * CHUNK_SECTORS;
-        file.seekp(static_cast<std::streamoff>(number * sizeof(chunk_t)));
-        file.write(reinterpret_cast<const char*>(chunk->data()),
-                   static_cast<std::streamsize>(std::min<uint64_t>(CHUNK_SECTORS, left) *
-                                                sizeof(sector_t)));
-    }
-    if (sectors_ == 0 || chunks_.contains((sectors_ - 1) / CHUNK_SECTORS))
-        return;
-    file.seekp(static_cast<std::streamoff>(sectors_ * sizeof(sector_t) - 1));
-    file.put('\0');
 }
 
 // --- The device ----------------------------------------------------------------------------------
@@ -184,7 +167,7 @@ void virtio_disk::complete(const chain_t& chain) {
 
 bool virtio_disk::carry_out(uint32_t type, uint64_t sector, const buffer_t& data) {
     const auto count = static_cast<uint32_t>(data.len / sizeof(sector_t));
-    if (!has_power() || count > image.sectors() || sector > image.sectors() - count ||
+    if (power_left_ == 0 || count > image.sectors() || sector > image.sectors() - count ||
         meet(sector, count, bad_from_, bad_to_))
         return false;
     if (type == 0) {
@@ -194,7 +177,6 @@ bool virtio_disk::carry_out(uint32_t type, uint64_t sector, const buffer_t& data
     }
     const auto written = static_cast<uint32_t>(std::min<uint64_t>(count, power_left_));
     image.write(sector, data.data, written);
-    sectors_written += written;
     if (power_left_ != ENDLESS)
         power_left_ -= written;
     for (uint32_t i = 0; logging_ && i < written; ++i) {

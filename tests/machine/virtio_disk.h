@@ -17,7 +17,6 @@
 
 #include <map>
 #include <memory>
-#include <string>
 
 #include "kernel/drivers/virtio_blk.h"
 #include "tests/machine/pci_bus.h"
@@ -42,12 +41,10 @@ public:
     void write(uint64_t sector, const void* from, uint32_t count = 1);
     sector_t operator[](uint64_t sector) const;
     std::vector<uint8_t> bytes(uint64_t sector, uint32_t count) const;
-    /// Repeats writes [from, to) of a log.
-    void apply(const write_log_t& log, size_t to, size_t from = 0);
+    /// Repeats the first `count` writes of a log.
+    void apply(const write_log_t& log, size_t count);
     /// Whether both hold the same.
     bool operator==(const disk_image& other) const;
-    /// Writes a sparse file, for a tool of the host to look at.
-    void save(const std::string& path) const;
 
 private:
     static constexpr uint32_t CHUNK_SECTORS = 32;
@@ -79,7 +76,6 @@ public:
     write_log_t writes;         ///< since start_log
     uint64_t requests = 0;      ///< that the driver made, failed ones included
     uint64_t sectors_read = 0;  ///< that were carried out
-    uint64_t sectors_written = 0;
     disk_lie lie = disk_lie::none;
     uint32_t late_polls = 0;  ///< PAUSE instructions until a request completes (0: at once)
     std::function<void()> during_request;  ///< called while the driver waits for a request
@@ -96,7 +92,6 @@ public:
     /// Cuts the power after `n` more sector writes, in the middle of a request if need be: nothing
     /// is written any more and all requests fail.
     void cut_power_after(uint64_t n);
-    bool has_power() const { return power_left_ != 0; }
     /// Ends every fault above.
     void power_on();
     /// Requests that the disk holds and has not completed.

@@ -2,27 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <string>
-#include <vector>
-
 #include "arch/x86/cpu.h"
 #include "arch/x86/lapic.h"
 #include "arch/x86/ports.h"
-#include "kernel/core/kprintf.h"
-#include "kernel/core/record.h"
+#include "tests/machine/kernel.h"
 
 namespace {
 
-std::string said;  // texts and events
 int calls;
-
-uint32_t keep_event(uint8_t type, const char* subsystem, const char* fmt, va_list args) {
-    char text[96];
-    vsnprintf(text, sizeof text, fmt, args);
-    said += std::to_string(type) + "/" + subsystem + "/" + text + "\n";
-    return 1;
-}
 
 void count_call() { ++calls; }
 void count_frame(registers_t*) { ++calls; }
@@ -31,14 +18,12 @@ port_access_t written(uint16_t port, uint32_t value) { return {true, port, value
 class Interrupt : public ::testing::Test {
 protected:
     Interrupt() {
-        machine_reset();
+        boot_kernel();
         interrupt_init();
+        machine().log_ports = true;
         fake_lapic = {};
-        said.clear();
         calls = 0;
         running() = {.pid = 7, .name = "shell"};
-        kprintf_set_console([](const char* text) { said += text; });
-        record_set_hook(keep_event);
         regs.cs = 0x08;
         regs.eip = 0x101234;
         regs.err_code = 2;
@@ -85,7 +70,8 @@ TEST_F(Interrupt, LinesAreAcknowledgedBeforeTheirHandlerRuns) {
 TEST_F(Interrupt, OnlyTheSixteenLinesTakeHandlers) {
     EXPECT_EQ(irq_install_handler(15, count_frame), 0);
     EXPECT_EQ(irq_install_handler(16, count_frame), -1);
-    EXPECT_EQ(said, "[irq] invalid handler slot 16\n8/irq/invalid irq handler slot=16\n");
+    EXPECT_EQ(machine_texts(), "[irq] invalid handler slot 16\n");
+    EXPECT_EQ(newest(), "invalid irq handler slot=16");
 }
 
 TEST_F(Interrupt, HandlerHasACausalContextOfItsOwn) {
@@ -115,7 +101,7 @@ TEST_F(Interrupt, FurtherProcessorsAreKnownByTheirApicAndRescheduled) {
 TEST_F(Interrupt, KernelFaultIsRecordedAndGivenToItsHook) {
     regs.int_no = 13;
     EXPECT_THROW(isr_handler(&regs), machine_halted);
-    EXPECT_EQ(said.find("0/fault/exception 13 (General Protection) pid=7 eip=0x101234\n"), 0u);
+    EXPECT_EQ(newest(), "exception 13 (General Protection) pid=7 eip=0x101234");
     interrupt_set_fault_hook(count_frame);
     record_set_hook([](uint8_t, const char*, const char*, va_list) {
         registers_t nested = {};
@@ -134,8 +120,8 @@ TEST_F(Interrupt, UserFaultEndsTheTaskAndTheTrapReachesItsHook) {
     regs.cs = 0x1B;
     regs.user_esp = 0x4FFF0000;
     EXPECT_THROW(isr_handler(&regs), int);
-    EXPECT_EQ(said,
-              "0/fault/exception 0 (Division By Zero) pid=7 eip=0x101234\n"
+    EXPECT_EQ(newest(), "exception 0 (Division By Zero) pid=7 eip=0x101234");
+    EXPECT_EQ(machine_texts(),
               "\n[FAULT] Division By Zero in task 'shell' (pid 7) EIP=0x101234 CR2=0xbad0 "
               "ESP=0x4fff0000 err=0x2\n");
     EXPECT_EQ(calls, 0) << "the kernel's fault hook is not for user tasks";

@@ -29,14 +29,6 @@ TEST(X25519, AgreesWithAnIndependentImplementation) {
     EXPECT_EQ(over(outputs), "9e0ed3ef0a76bb565539e96e58001cc52e7895a8ff83b3ed4df39ac3413add36");
 }
 
-TEST(X25519, AThousandRoundsGiveTheAnswerOfTheStandard) {
-    bytes_t k(32), u(32);
-    k[0] = u[0] = 9;
-    for (int i = 0; i < 1000; ++i)
-        u = std::exchange(k, x25519(k, u));
-    EXPECT_EQ(hex(k), "684cf59ba83309552800ef566f2f4d3c1c3887c49360e3875f2eb94d99532c51");
-}
-
 TEST(X25519, SmallOrderGivesZerosAndTheTopBitIsIgnored) {
     const bytes_t scalar = pattern(3, 32);
     bytes_t point(32);
@@ -83,24 +75,6 @@ TEST_F(Ed25519, AgreesWithAnIndependentImplementationAndVerifies) {
     }
     EXPECT_EQ(over(outputs), "5f268ce9786ee2038c24d22600072d01d77bda6c73f85b6136db61990c8cb7ff");
     EXPECT_EQ(heap_used(), before);
-}
-
-TEST_F(Ed25519, AnswersTheStandard) {
-    const char* const vectors[][3] = {
-        {"9d61b19deffd5a60ba844af492ec2cc44449c5697b326919703bac031cae7f60", "",
-         "e5564300c360ac729086e2cc806e828a84877f1eb8e5d974d873e065224901555fb8821590a33bacc61e39701"
-         "cf9b46bd25bf5f0595bbe24655141438e7a100b"},
-        {"4ccd089b28ff96da9db6c346ec114e0f5b8a319f35aba624da8cf6ed4fb8a6fb", "72",
-         "92a009a9f0d4cab8720e820b5f642540a2b27b5416503f8fb3762223ebdb69da085ac1e43e15996e458f3613d"
-         "0f11d8c387b2eaeb4302aeeb00d291612bb0c00"},
-        {"c5aa8df43f9f837bedb7442f31dcb7b166d38535076f094b85ce3a2e0b4458f7", "af82",
-         "6291d657deec24024827e69c3abe01a30ce548a284743a445e3680d7db5ac3ac18ff9b538d16f290ae67f7609"
-         "84dc6594a7c15e9716ed28dc027beceea1ec40a"}};
-    for (const auto& [seed, message, signature] : vectors) {
-        signer_t signer(unhex(seed));
-        ASSERT_EQ(signer.sign(unhex(message)), 0);
-        EXPECT_EQ(hex(signer.sig), signature);
-    }
 }
 
 TEST_F(Ed25519, RefusesEveryChangedBit) {
@@ -170,22 +144,15 @@ TEST_F(Ed25519, RefusesLongMessagesAndLackOfMemory) {
 std::vector<std::string> calls;
 
 TEST(Keys, ComeFromAStirredPoolAndAreClamped) {
-    machine_capture_texts();
-    noise_set_random({nullptr, nullptr, false});
     uint8_t pub[32], priv[32];
+    noise_set_random({nullptr, nullptr, false});
     EXPECT_THROW(noise_generate_keypair(pub, priv), machine_halted);
-    machine_texts().clear();
-    noise_init();
     calls.clear();
     noise_set_random({[](void* buf, uint32_t len) {
                           calls.push_back("fill " + std::to_string(len));
                           memset(buf, 0xFF, len);
                       },
                       [] { calls.push_back("stir"); }, true});
-    noise_init();
-    EXPECT_EQ(machine_texts(),
-              "[boot] Noise crypto primitives initialized\n"
-              "[boot] Noise crypto primitives initialized (RDRAND available)\n");
     noise_generate_keypair(pub, priv);
     EXPECT_EQ(calls, (std::vector<std::string>{"stir", "fill 32", "stir"}));
     bytes_t clamped(32, 0xFF), base(32);

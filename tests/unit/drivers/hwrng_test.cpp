@@ -2,135 +2,106 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <set>
 
 #include "kernel/core/interrupt.h"
-#include "tests/machine/machine.h"
 #include "tests/machine/memory.h"
 #include "tests/unit/core/noise_vectors.h"
 
 namespace {
 
-/// Channel 0 counts one down at each latch; a read of an unlatched byte shows as a wrong count.
-class timer_device : public port_device {
-public:
-    uint16_t count = 0x1234;
-    uint32_t read(uint16_t, unsigned) override {
-        EXPECT_FALSE(machine().interrupts_on);
-        EXPECT_LT(next_, 2);
-        return static_cast<uint8_t>(latched_ >> 8 * next_++);
-    }
-    void write(uint16_t port, uint32_t value, unsigned) override {
-        EXPECT_EQ(port, 0x43);
-        EXPECT_EQ(value, 0u);
-        latched_ = --count;
-        next_ = 0;
-    }
-
-private:
-    uint16_t latched_ = 0;
-    int next_ = 2;
+struct sources_t {
+    uint64_t tsc = 1ull << 40;
+    uint32_t tick = 77, random = 1, seed = 2, timer = 0x1234;
 };
 
-/// The pool as its layout says, fed by the machine's sources as they stand.
-struct model_t {
-    uint8_t pool[64] = {};
-    uint32_t counter = 0;
-    uint64_t tsc;
-    uint16_t timer;
-    void put(size_t at, uint64_t value, size_t bytes) { memcpy(pool + at, &value, bytes); }
-    void hash() { blake2s(pool + 32, pool, 64); }
-    bytes_t round(uint32_t hardware) {
-        put(0, ++tsc, 8);
-        put(8, counter++, 4);
-        put(12, system_ticks, 4);
-        put(16, --timer, 4);
-        put(20, hardware, 4);
-        hash();
-        return bytes_t(pool + 32, pool + 64);
-    }
-};
-
-class Hwrng : public testing::Test {
+/// Channel 0 of the timer, which must be latched before its two bytes are read.
+class Hwrng : public testing::Test, public port_device {
 protected:
+    uint32_t timer = 0, latches = 0, next = 2;
+
     void SetUp() override {
         machine_reset();
         machine_capture_texts();
-        machine_attach(0x40, 0x43, &timer_);
-        system_ticks = 77;
-        machine().tsc = 0x123456789ABC;
+        machine_attach(0x40, 0x43, this);
         machine().interrupts_on = true;
     }
-    /// A model that has gone through hwrng_init with these hardware words.
-    model_t started(uint32_t random, uint32_t seed) {
-        model_t m;
-        m.tsc = machine().tsc + 1;
-        m.timer = timer_.count;
-        m.put(0, m.tsc, 8);
-        m.put(8, system_ticks, 4);
-        m.put(12, random, 4);
-        m.put(16, seed, 4);
-        m.hash();
-        for (uint32_t i = 0; i < HWRNG_START_ROUNDS; ++i)
-            m.round(random ^ seed);
-        return m;
+    uint32_t read(uint16_t, unsigned) override {
+        EXPECT_FALSE(machine().interrupts_on);
+        EXPECT_LT(next, 2u);
+        return static_cast<uint8_t>(timer >> 8 * next++);
     }
-    bytes_t fill(uint32_t len) {
+    void write(uint16_t port, uint32_t value, unsigned) override {
+        EXPECT_TRUE(port == 0x43 && value == 0);
+        ++latches;
+        next = 0;
+    }
+    void feed(const sources_t& from) {
+        machine().tsc = from.tsc;
+        system_ticks = from.tick;
+        timer = from.timer;
+        machine().rdrand = [from](uint32_t* word) { return *word = from.random, true; };
+        machine().rdseed = [from](uint32_t* word) { return *word = from.seed, true; };
+    }
+    static bytes_t fill(uint32_t len) {
         bytes_t out(len);
         hwrng_fill(out.data(), len);
         return out;
     }
-    timer_device timer_;
 };
 
-TEST_F(Hwrng, PoolFollowsItsLayoutWithoutHardware) {
-    model_t m = started(0, 0);
+TEST_F(Hwrng, EverySourceGoesIntoTheStartAndIntoEachBlock) {
+    std::set<bytes_t> seen;
+    const auto is_new = [&](const sources_t& start, const sources_t& later) {
+        feed(start);
+        hwrng_init();
+        feed(later);
+        return seen.insert(fill(32)).second && seen.insert(fill(32)).second;
+    };
+    EXPECT_TRUE(is_new({}, {}));
+    EXPECT_FALSE(is_new({}, {})) << "there is no other source";
+    for (const sources_t& other :
+         {sources_t{.tsc = 1}, sources_t{.tsc = (1ull << 40) + 1}, sources_t{.tick = 78},
+          sources_t{.random = 3}, sources_t{.seed = 3}, sources_t{.timer = 0x1235},
+          sources_t{.timer = 0x1334}}) {
+        EXPECT_TRUE(is_new(other, {}));
+        EXPECT_TRUE(is_new({}, other));
+    }
+    EXPECT_EQ(machine_texts().substr(0, 38), "[boot] HW RNG: RDRAND=yes RDSEED=yes\n[");
+    EXPECT_TRUE(machine().interrupts_on);
+}
+
+TEST_F(Hwrng, RoundsAreCountedAndAFailingInstructionGivesNothing) {
     hwrng_init();
     EXPECT_EQ(machine_texts(),
               "[boot] HW RNG: RDRAND=no RDSEED=no\n"
               "[boot] WARNING: no hardware random source, keys rest on timer jitter\n");
-    EXPECT_TRUE(machine().interrupts_on);
-    fill(0);  // touches nothing
-    bytes_t expected = m.round(0);
-    expected.push_back(m.round(0)[0]);
-    EXPECT_EQ(fill(33), expected);
-    EXPECT_EQ(m.counter, HWRNG_START_ROUNDS + 2);
+    EXPECT_EQ(latches, HWRNG_START_ROUNDS);
     hwrng_stir();
-    for (uint32_t i = 0; i < HWRNG_STIR_ROUNDS; ++i)
-        m.round(0);
-    EXPECT_EQ(fill(32), m.round(0));
-    uint32_t word;
-    memcpy(&word, m.round(0).data(), sizeof word);
-    EXPECT_EQ(hwrng_u32(), word);
+    EXPECT_EQ(latches, HWRNG_START_ROUNDS + HWRNG_STIR_ROUNDS);
+    latches = 0;
+    fill(0);
+    EXPECT_NE(fill(33), fill(33));
+    EXPECT_EQ(latches, 4u);
+    const auto with_remains = [&](uint32_t remains) {
+        feed({});
+        hwrng_init();
+        machine().rdrand =
+            machine().rdseed = [=](uint32_t* word) { return *word = remains, false; };
+        return fill(32);
+    };
+    EXPECT_EQ(with_remains(0), with_remains(0xBAD));
 }
 
-TEST_F(Hwrng, HardwareWordsGoIn) {
-    machine().rdrand = [](uint32_t* word) { return *word = 0x11111111, true; };
-    machine().rdseed = [](uint32_t* word) { return *word = 0x40404040, true; };
-    model_t m = started(0x11111111, 0x40404040);
-    hwrng_init();
-    EXPECT_EQ(machine_texts(), "[boot] HW RNG: RDRAND=yes RDSEED=yes\n");
-    EXPECT_EQ(fill(32), m.round(0x51515151));
-    EXPECT_EQ(hwrng_u32(), 0x11111111u);
-    // A failing instruction contributes nothing, whatever it leaves behind.
-    machine().rdrand = machine().rdseed = [](uint32_t* word) { return *word = 0xBAD, false; };
-    EXPECT_EQ(fill(32), m.round(0));
-}
-
-TEST_F(Hwrng, WordFallsBackToThePoolAfterTenFailures) {
+TEST_F(Hwrng, AWordFallsBackToThePoolAfterTenFailures) {
     machine().rdrand = [](uint32_t*) { return false; };
-    model_t m = started(0, 0);
     hwrng_init();
-    EXPECT_TRUE(hwrng_has_rdrand());
-    EXPECT_FALSE(hwrng_has_rdseed());
+    EXPECT_TRUE(hwrng_has_rdrand() && !hwrng_has_rdseed());
     int attempts = 0;
     machine().rdrand = [&](uint32_t* word) { return *word = 5, ++attempts == 10; };
     EXPECT_EQ(hwrng_u32(), 5u);
-    machine().rdrand = [&](uint32_t*) { return ++attempts, false; };
-    uint32_t word;
-    memcpy(&word, m.round(0).data(), sizeof word);
-    EXPECT_EQ(hwrng_u32(), word);
-    EXPECT_EQ(attempts, 21);  // ten, ten, and the round's own
+    EXPECT_NE(hwrng_u32(), hwrng_u32());
+    EXPECT_EQ(attempts, 10 + 11 + 11);  // the round's own among them
 }
 
 }  // namespace

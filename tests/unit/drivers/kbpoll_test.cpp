@@ -52,7 +52,6 @@ TEST_F(Kbpoll, ReadsSerialKeys) {
               (keys_t{0x80, 0x81, 0x83, 0x82, 0x86, 'x'}));
     EXPECT_EQ(serial("\x1bxy"), (keys_t{0x96, 'y'}));
     EXPECT_EQ(serial("\x1b[Zy"), (keys_t{0x96, 'y'}));
-    EXPECT_EQ(serial("\x1b"), keys_t{0x96});
     EXPECT_EQ(serial("\x1b["), keys_t{0x96});
 }
 

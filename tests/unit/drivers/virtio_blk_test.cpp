@@ -54,7 +54,6 @@ TEST_F(VirtioBlk, WhatCannotBeIsRefusedBeforeTheDeviceHearsOfIt) {
     EXPECT_EQ(blk_write(end - 1, data.data(), 2), -1);
     EXPECT_EQ(blk_read(~0ull, data.data(), 1), -1);
     EXPECT_EQ(blk_read(0, data.data(), 8388608), -1);  // 4 GiB have no 32-bit length
-    EXPECT_EQ(blk_read(0, data.data(), ~0u), -1);
     EXPECT_EQ(disk.requests, 0u);
     EXPECT_EQ(machine_texts(), "");
 }
@@ -121,9 +120,6 @@ TEST_F(VirtioBlk, ALieIsAFailureAndDoesNoHarm) {
         EXPECT_EQ(disk.requests, first + 1);
         EXPECT_EQ(in, data);
     }
-    disk.during_request = nullptr;
-    for (int i = 0; i < 300; ++i)
-        ASSERT_EQ(blk_read(1, data.data(), 8), 0);
     EXPECT_EQ(heap_used(), used);
 }
 
@@ -154,26 +150,6 @@ TEST_F(VirtioBlk, TasksAtTheSameTimeGetOneRequestEach) {
     EXPECT_EQ(disk.sectors_read, 40u);
     fake_switch_reset();
     running() = {};
-}
-
-TEST_F(VirtioBlk, TheFakeDiskLosesPowerInTheMiddleOfARequestAndItsLogRepeats) {
-    const disk_image before = disk.image;
-    disk.start_log();
-    ASSERT_EQ(blk_write(40, data.data(), 4), 0);
-    disk.cut_power_after(3);
-    EXPECT_EQ(blk_write(30, data.data(), 8), -1);
-    EXPECT_EQ(blk_read(30, data.data(), 1), -1);
-    ASSERT_EQ(disk.writes.size(), 7u);
-    EXPECT_EQ(disk.writes[6].sector, 32u);
-    disk_image again = before;
-    again.apply(disk.writes, 4);
-    EXPECT_FALSE(again == disk.image);
-    again.apply(disk.writes, 7, 4);
-    EXPECT_TRUE(again == disk.image);
-    EXPECT_EQ(again[33], sector_t{});
-    disk.power_on();
-    EXPECT_EQ(blk_write(33, data.data(), 1), 0);
-    EXPECT_EQ(before[40], sector_t{});
 }
 
 }  // namespace

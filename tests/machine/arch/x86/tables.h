@@ -13,7 +13,6 @@ struct [[gnu::packed]] table_pointer_t {
 struct loaded_tables_t {
     table_pointer_t gdt = {}, idt = {};
     uint16_t task_register = 0;
-    int idt_loads = 0;
 };
 inline loaded_tables_t loaded_tables;
 
@@ -31,8 +30,5 @@ inline uint32_t stub_lapic_spurious() { return 0x00123020; }
 inline bool stub_returns_to(uint32_t address) { return address == FAKE_STUB_RETURN; }
 
 inline void gdt_flush(const table_pointer_t* table) { loaded_tables.gdt = *table; }
-inline void idt_load(const table_pointer_t* table) {
-    loaded_tables.idt = *table;
-    ++loaded_tables.idt_loads;
-}
+inline void idt_load(const table_pointer_t* table) { loaded_tables.idt = *table; }
 inline void tss_flush(uint16_t selector) { loaded_tables.task_register = selector; }

@@ -106,13 +106,11 @@ TEST_F(Pmm, StopsLoudlyWhereTheHeapWouldNotLieInUsableMemory) {
     no_memory_field.map(MB, 127 * MB);
     no_memory_field.info.flags = 0;
     EXPECT_EQ(boot(no_memory_field.get()), "up") << "the map alone will do";
-    EXPECT_EQ(boot(boot_info(63 * 1024).map(MB, 63 * MB).get()), "up") << "64 MB";
     EXPECT_EQ(boot(boot_info(51 * 1024).get()),
               "[heap] ERROR: not enough memory for the 48 MB heap (have 48124 KB)\n");
     EXPECT_EQ(boot(boot_info(RAM_KB).map(MB, 29 * MB).map(31 * MB, 97 * MB).get()),
               "[heap] ERROR: not enough memory for the 48 MB heap (have 25596 KB)\n")
         << "a hole";
-    EXPECT_EQ(boot(boot_info(RAM_KB).map(0, ENDLESS, 2).get()), none) << "nothing available";
     for (const uint32_t size : {0u, 19u})
         EXPECT_EQ(boot(boot_info(RAM_KB).map(MB, 95 * MB, 1, size).get()), none) << "no entry";
     boot_info nothing(0);
