@@ -63,7 +63,7 @@ void share_file(uint8_t* data, uint32_t seed) {
 
 /// Two of these append to one timeline.
 void timeline_worker() {
-    work(TIMELINES, [](uint32_t* seed) {
+    work([](uint32_t* seed) {
         const uint32_t size = krng(seed) % 500;
         uint8_t data[500] = {};
         if (timeline_emit(timeline_find(TIMELINE), TIMELINE_DATA, data, size, "x") == 0)
@@ -81,7 +81,7 @@ void volume_worker() {
     char other[32];
     ksnprintf(path, sizeof path, "%s/%d", DIRECTORY, task_getpid());
     ksnprintf(other, sizeof other, "%s/%d.new", DIRECTORY, task_getpid());
-    work(VOLUME, [&](uint32_t* seed) {
+    work([&](uint32_t* seed) {
         const uint32_t size = krng(seed) % FILE_BYTES;
         const uint32_t value = *seed;
         for (uint32_t i = 0; i < size; ++i)
@@ -100,7 +100,7 @@ void volume_worker() {
 
 /// Spills, and compares what the journal says of an event with what the ring says.
 void journal_worker() {
-    work(JOURNAL, [](uint32_t* seed) {
+    work([](uint32_t* seed) {
         static cjournal_event_t record;
         static causal_event_t event;
         cjournal_spill(SEGMENT_EVENTS);

@@ -1,45 +1,34 @@
 // What the files of workers share: their kinds, and the loop that each runs.
 #pragma once
 
-#include <array>
-
+#include "kernel/core/task.h"
 #include "tests/stress/stress.h"
-
-enum kind_t {
-    HEAP,
-    EVENTS,
-    TOKENS,
-    SLEEPS,
-    CHILDREN,
-    MUTEX,
-    CONSOLE,
-    LOG,
-    KEYS,
-    QUEUES,
-    FILES,
-    ACTORS,
-    TIMELINES,
-    VOLUME,
-    JOURNAL,
-    KINDS,
-    FIRST_ON_DISK = VOLUME,
-};
 
 constexpr int WORKER_PRIORITY = 4;
 
-/// Steps of each kind so far.
-extern std::array<volatile uint32_t, KINDS> done;
+/// The tasks of one kind.
+struct worker_t {
+    const char* name;
+    task_entry_fn entry;
+    uint32_t tasks;
+    uint32_t expected;  ///< steps that they make together, at least
+    bool on_disk;
+    volatile uint32_t done;  ///< steps so far
+};
+
+/// What the running task is one of.
+worker_t& this_worker();
 
 uint32_t new_seed();
 
 /// Runs `step` over and over, single-stepped, until the workers shall stop.
 template <typename Step>
-void work(kind_t kind, Step step) {
+void work(Step step) {
     uint32_t seed = new_seed();
     step_me();
     while (!stop_workers) {
         step(&seed);
-        __atomic_add_fetch(&done[kind], 1, __ATOMIC_RELAXED);
+        __atomic_add_fetch(&this_worker().done, 1, __ATOMIC_RELAXED);
     }
     __atomic_sub_fetch(&workers_alive, 1, __ATOMIC_RELAXED);
 }
