@@ -20,6 +20,7 @@ constexpr const char* NO_OPERATION = "?";
 
 struct {
     uint32_t task_caps[CAP_PIDS];
+    uint32_t withheld[CAP_PIDS];  ///< by the scopes that the task is in
     cap_audit_entry_t audit_log[CAP_AUDIT_SLOTS];
     uint32_t audit_head;   ///< the next slot to write
     uint32_t audit_total;  ///< valid entries
@@ -154,7 +155,7 @@ int cap_revoke(int pid, uint32_t caps) {
 
 uint32_t cap_get(int pid) {
     const irq_guard guard;
-    return has_mask(pid) ? state.task_caps[pid] : 0;
+    return has_mask(pid) ? state.task_caps[pid] & ~state.withheld[pid] : 0;
 }
 
 bool cap_may_control(pid_t pid, const char* operation) {
@@ -209,14 +210,16 @@ uint32_t cap_from_name(const char* name) {
     return 0;
 }
 
-cap_limit_scope::cap_limit_scope(uint32_t caps) : former_(cap_get(task_getpid())) {
+cap_limit_scope::cap_limit_scope(uint32_t caps) : pid_(task_getpid()) {
     const irq_guard guard;
-    if (has_mask(task_getpid()))
-        state.task_caps[task_getpid()] = former_ & caps;
+    if (!has_mask(pid_))
+        return;
+    former_ = state.withheld[pid_];
+    state.withheld[pid_] |= ~caps;
 }
 
 cap_limit_scope::~cap_limit_scope() {
     const irq_guard guard;
-    if (has_mask(task_getpid()))
-        state.task_caps[task_getpid()] = former_;
+    if (has_mask(pid_))
+        state.withheld[pid_] = former_;
 }

@@ -74,7 +74,7 @@ void cap_task_init(int pid, int parent_pid);
 /// Takes bits away, as cap_grant adds them. Records "revoke pid=%d -%s".
 [[nodiscard]] int cap_revoke(int pid, uint32_t caps);
 
-/// The mask; 0 outside 0..63.
+/// The mask, without what a cap_limit_scope withholds; 0 outside 0..63.
 uint32_t cap_get(int pid);
 
 /// Whether the running task may kill or renice `pid`: its own, a descendant, a task of its I/O
@@ -95,8 +95,8 @@ void cap_print(uint32_t caps);
 /// The bit of a name, CAP_ALL for "all", 0 for an unknown one.
 uint32_t cap_from_name(const char* name);
 
-/// For its scope the running task keeps of its mask only `caps`: for a task that acts for somebody
-/// who may do less. Task context.
+/// For its scope the running task has of its mask only `caps`: for a task that acts for somebody
+/// who may do less. Scopes nest. Task context.
 class cap_limit_scope {
 public:
     explicit cap_limit_scope(uint32_t caps);
@@ -105,5 +105,6 @@ public:
     cap_limit_scope& operator=(const cap_limit_scope&) = delete;
 
 private:
-    uint32_t former_;
+    pid_t pid_;
+    uint32_t former_ = 0;
 };

@@ -116,6 +116,7 @@ TEST_F(Cap, WhoMayLittleHarmsNobody) {
     {
         const cap_limit_scope limited(CAP_FS);
         EXPECT_EQ(run_line(cmd_cap, "cap test admin"), "admin: DENIED\n");
+        EXPECT_EQ(run_line(cmd_cap, "cap test fs"), "fs: GRANTED\n");
     }
     EXPECT_EQ(run_line(cmd_cap, "cap grant 9 all"), "Granted all to pid 9\n");
     EXPECT_EQ(cap_get(9), CAP_ALL);
