@@ -30,6 +30,9 @@ LIMITS = {
     "event-formatted": (1400, "limit; a Linux i686 text marker takes 1710"),
     "switch-recorded": (1500, "limit; Linux i686 takes 4426 recorded, 2201 unrecorded"),
     "interrupt": (150, "limit"),
+    "blame-newest": (50_000_000, "limit, 50 ms"),
+    "search-query": (50_000_000, "limit, 50 ms"),
+    "pattern-match-none": (50_000_000, "limit, 50 ms"),
 }
 # name: (peer in the same run, aimed ratio)
 PEERS = {
@@ -37,6 +40,8 @@ PEERS = {
     "memcpy-608": ("movsl-608", 1.2),
     "memset-4096": ("stosl-4096", 1.2),
     "memset-608": ("stosl-608", 1.2),
+    "search-rebuild": ("search-rebuild-naive", 1.0),
+    "whatif-root": ("whatif-root-naive", 1.0),
 }
 # name: (unit, how many of it an operation is); shown as a rate. Names without a line of the guest's
 # are left out.

@@ -148,6 +148,7 @@ void measure_processor() {
     measure_formatting();
     measure_interrupt();
     measure_console();
+    measure_graph();
     measure_switch();
 }
 

@@ -36,6 +36,9 @@ void measure_each(const char* name, uint32_t repeats, Operation operation) {
     });
 }
 
+/// Measures the tools that ask the graph, and fills the ring for that.
+void measure_graph();
+
 /// Measures the storage of a machine with a disk, which loses what was on it. Prints a line that
 /// begins with "bench failed" for what goes wrong.
 void measure_storage();

@@ -1,0 +1,176 @@
+// The tools that ask the graph, on a full ring, beside what anybody would write first. One section
+// a tool.
+#include "bench/guest/measure.h"
+#include "kernel/core/string.h"
+#include "kernel/graph/blame.h"
+#include "kernel/graph/causal.h"
+#include "kernel/graph/epattern.h"
+#include "kernel/graph/search.h"
+#include "kernel/graph/whatif.h"
+
+namespace {
+
+constexpr uint32_t TASKS = 12;
+constexpr uint32_t SHADOWS = 256;
+constexpr uint32_t ROOT_BEHIND = 200;  // the oldest events leave while there is measuring
+
+/// A ring of tasks that do things of their own and wake each other, all from one root.
+void fill_ring() {
+    static uint32_t current[TASKS];
+    uint32_t seed = 7;
+    const uint32_t root = causal_emit(CAUSAL_SCHED, "bench", "root of the ring", nullptr, 0);
+    for (uint32_t& id : current)
+        id = root;
+    for (uint32_t i = 0; i < CAUSAL_RING_SLOTS + ROOT_BEHIND; ++i) {
+        const uint32_t task = krng(&seed) % TASKS;
+        const uint32_t other = krng(&seed) % TASKS;
+        const uint32_t parents[] = {current[task], current[other]};
+        char desc[CAUSAL_DESC_SIZE];
+        if (i % 5 == 0)
+            ksnprintf(desc, sizeof desc, "unblock pid=%u reason=input", task);
+        else if (i % 997 == 0)
+            ksnprintf(desc, sizeof desc, "page fault at 0x%x", i);
+        else
+            ksnprintf(desc, sizeof desc, "write file%u len=%u pid=%u", i % 300, 64 * task, task);
+        current[task] = causal_emit(i % 5 == 0 ? CAUSAL_SCHED : CAUSAL_FS, "bench", desc, parents,
+                                    i % 5 == 0 ? 2 : 1);
+    }
+}
+
+/// The children of an event by a look at every slot.
+uint32_t scan_children(uint32_t id, uint32_t* out, uint32_t max) {
+    uint32_t count = 0;
+    for (uint32_t at = causal_oldest_event_id(); at <= causal_total_events() && count < max; ++at) {
+        const causal_event_t* ev = causal_get_ring(at);
+        bool found = false;
+        for (uint32_t i = 0; i < ev->num_parents; ++i)
+            found = found || ev->parents[i] == id;
+        if (found)
+            out[count++] = at;
+    }
+    return count;
+}
+
+struct naive_branch_t {
+    uint32_t ids[SHADOWS];
+    bool gone[SHADOWS];
+    uint32_t count;
+    bool holds(uint32_t id) const { return std::find(ids, ids + count, id) != ids + count; }
+};
+
+naive_branch_t naive;
+
+void naive_collect(uint32_t id) {
+    uint32_t children[WHATIF_CHILDREN];
+    const uint32_t found = scan_children(id, children, WHATIF_CHILDREN);
+    for (uint32_t i = 0; i < found && naive.count < SHADOWS; ++i) {
+        if (naive.holds(children[i]))
+            continue;
+        naive.ids[naive.count++] = children[i];
+        naive_collect(children[i]);
+    }
+}
+
+/// The events without `root`, as far as the branch goes.
+void naive_whatif(uint32_t root) {
+    naive = {};
+    naive.ids[naive.count++] = root;
+    naive.gone[0] = true;
+    naive_collect(root);
+    for (bool changed = true; changed;) {
+        changed = false;
+        for (uint32_t i = 0; i < naive.count; ++i) {
+            const causal_event_t* ev = causal_get_ring(naive.ids[i]);
+            for (uint32_t k = 0; k < ev->num_parents && !naive.gone[i]; ++k) {
+                const uint32_t* at = std::find(naive.ids, naive.ids + naive.count, ev->parents[k]);
+                naive.gone[i] = at != naive.ids + naive.count && naive.gone[at - naive.ids];
+                changed = changed || naive.gone[i];
+            }
+        }
+    }
+}
+
+void measure_whatif() {
+    const uint32_t root = causal_oldest_event_id() + ROOT_BEHIND / 2;
+    measure("whatif-root", 1, [&] { whatif_quick(root); });
+    measure("whatif-root-naive", 1, [&] { naive_whatif(root); });
+}
+
+void measure_blame() {
+    static blame_suspect_t suspects[BLAME_SUSPECTS];
+    measure("blame-newest", 1, [] {
+        if (blame_analyze(causal_total_events(), suspects, BLAME_SUSPECTS) < 1)
+            kprintf("bench failed blame\n");
+    });
+}
+
+/// The index by a look at every term for every word.
+csearch_term_t naive_terms[CSEARCH_TERMS];
+int naive_term_count;
+
+void naive_index_word(const char* word, uint32_t id) {
+    int at = 0;
+    while (at < naive_term_count && strcmp(naive_terms[at].term, word) != 0)
+        ++at;
+    if (at == CSEARCH_TERMS)
+        return;
+    csearch_term_t& term = naive_terms[at];
+    if (at == naive_term_count) {
+        ++naive_term_count;
+        string_copy(term.term, word, sizeof term.term);
+        term.count = 0;
+    }
+    if (term.count < CSEARCH_EVENTS)
+        term.event_ids[term.count++] = id;
+}
+
+void naive_index_event(const causal_event_t& ev) {
+    char word[CSEARCH_TERM_SIZE];
+    size_t length = 0;
+    for (const char* at = ev.desc;; ++at) {
+        const bool in_word = (*at >= 'a' && *at <= 'z') || (*at >= '0' && *at <= '9');
+        if (in_word && length < sizeof word - 1)
+            word[length++] = *at;
+        if (!in_word && length > 0) {
+            word[length] = '\0';
+            naive_index_word(word, ev.id);
+            length = 0;
+        }
+        if (*at == '\0')
+            return;
+    }
+}
+
+void naive_rebuild() {
+    naive_term_count = 0;
+    for (uint32_t id = causal_oldest_event_id(); id <= causal_total_events(); ++id)
+        naive_index_event(*causal_get_ring(id));
+}
+
+void measure_search() {
+    static uint32_t ids[CSEARCH_EVENTS];
+    measure("search-rebuild", 1, [] { csearch_rebuild(); });
+    measure("search-rebuild-naive", 1, [] { naive_rebuild(); });
+    measure("search-query", 1, [] {
+        if (csearch_query("write OR unblock", ids, CSEARCH_EVENTS) != CSEARCH_EVENTS)
+            kprintf("bench failed search\n");
+    });
+}
+
+/// Every attempt goes to the end of the window and fails.
+void measure_pattern() {
+    epattern_t pattern;
+    if (epattern_compile("sched+ -> fs+ -> net", &pattern) != 0)
+        kprintf("bench failed pattern\n");
+    measure("pattern-match-none", 1, [&] { epattern_match(&pattern, nullptr, 32); });
+}
+
+}  // namespace
+
+void measure_graph() {
+    fill_ring();
+    measure_whatif();
+    measure_blame();
+    measure_search();
+    measure_pattern();
+}
