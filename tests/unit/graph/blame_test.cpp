@@ -1,18 +1,12 @@
 #include "kernel/graph/blame.h"
 
 #include "kernel/apps/cmd_whatif.h"
-#include "tests/machine/memory.h"
 #include "tests/unit/graph/naive_graph.h"
 
 namespace {
 
 class Blame : public naive_graph {
 protected:
-    void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
-        naive_graph::SetUp();
-    }
     static std::vector<blame_suspect_t> blame(uint32_t id, int max = BLAME_SUSPECTS) {
         std::vector<blame_suspect_t> out(BLAME_SUSPECTS);
         const int count = blame_analyze(id, out.data(), max);

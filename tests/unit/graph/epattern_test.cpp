@@ -1,8 +1,6 @@
 #include "kernel/graph/epattern.h"
 
 #include "kernel/apps/cmd_whatif.h"
-#include "kernel/core/task.h"
-#include "tests/machine/memory.h"
 #include "tests/unit/graph/naive_graph.h"
 
 namespace {
@@ -10,11 +8,7 @@ namespace {
 class Pattern : public naive_graph {
 protected:
     void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
         naive_graph::SetUp();
-        task_init();
-        running_by_cpu[0] = running_t{};  // events follow only what they name
         epattern_init();
     }
     static std::string pattern(std::vector<std::string> args) { return run(cmd_pattern, args); }

@@ -1,10 +1,7 @@
 #include "kernel/graph/whatif.h"
 
 #include "kernel/apps/cmd_whatif.h"
-#include "kernel/core/task.h"
-#include "kernel/fs/ramfs.h"
 #include "kernel/graph/whatif/internal.h"
-#include "tests/machine/memory.h"
 #include "tests/unit/graph/naive_graph.h"
 
 namespace {
@@ -232,9 +229,6 @@ TEST_F(WhatIf, BranchesKeepWhatTheyWereAndRefuseWhatTheyMust) {
 }
 
 TEST_F(WhatIf, SelfTestsPassOnSoundGroundAndFailWithoutIt) {
-    machine_boot_memory();
-    task_init();
-    fs_init();
     for (const char* test : {"selftest", "opstest", "demos", "capdemo"})
         EXPECT_EQ(whatif({test}).find("FAIL"), std::string::npos) << screen;
     EXPECT_EQ(whatif({"demos"}).substr(screen.rfind("whatif demos")),
