@@ -4,6 +4,8 @@ tools, and knows only the formats that docs/formats describes. The tests hold ou
 judge(files) gives 0 (sound and signed), 1 (bad) or 4 (sound as far as it can be told, but not all
 signed), which are the auditor's exit codes.
 """
+import collections
+import functools
 import hashlib
 import re
 import struct
@@ -56,6 +58,27 @@ def read_volume(image):
     """All files of a volume, by path, read from the bytes of its image."""
     return {path: b"".join(bytes(image[n * SECTOR:(n + 1) * SECTOR]) for n in blocks)[:size]
             for path, (blocks, size) in place_files(image).items()}
+
+
+def make_volume(files, sectors=400):
+    """An image that holds `files` in the one folder "/causal"."""
+    data_start = 258
+    image = bytearray(sectors * SECTOR)
+    SUPER.pack_into(image, 0, 0x564F4653, 1, sectors, 256, 2, data_start, 1, 1)
+    free = data_start
+    entries = [(2, 0, b"/", ()), (2, 0, b"causal", ())]
+    for path, data in files.items():
+        blocks = list(range(free, free + -(-len(data) // SECTOR)))
+        entries.append((1, 1, path.removeprefix("/causal/").encode(), blocks))
+        image[free * SECTOR:free * SECTOR + len(data)] = data
+        free += len(blocks) + 1
+        struct.pack_into(f"<{len(blocks[12:])}I", image, (free - 1) * SECTOR, *blocks[12:])
+    for n, (kind, parent, name, blocks) in enumerate(entries):
+        indirect = blocks[-1] + 1 if len(blocks) > 12 else 0
+        INODE.pack_into(image, (2 + n) * SECTOR, kind, len(files.get(f"/causal/{name.decode()}", b"")),
+                        *[*blocks[:12], *[0] * 12][:12], parent, name, indirect, 0, 0, 0, 0)
+    assert free <= sectors
+    return image
 
 
 # --- Hashes ---------------------------------------------------------------------------------------
@@ -117,12 +140,15 @@ def make_segment(number, records, previous=0, flags=0):
 
 
 def make_journal(runs, seed):
-    """The files of a signed journal with one segment for each list of records in `runs`."""
+    """The files of a signed journal with one segment for each list of records in `runs`; what
+    stands in a tuple was imported. An empty one is a number without a segment."""
     key = Ed25519PrivateKey.from_private_bytes(seed)
     files, previous = {"/causal/node-sign.key": seed}, 0
     for number, records in enumerate(runs, 1):
+        if not records:
+            continue
         name = f"/causal/seg-{number:08d}"
-        segment, sidecar, root = make_segment(number, records, previous)
+        segment, sidecar, root = make_segment(number, records, previous, isinstance(records, tuple))
         files |= {name + ".jnl": segment, name + ".hsh": sidecar, name + ".ert": root,
                   name + ".sig": key.sign(root[28:])}
         previous = checksum(segment[:-FOOTER.size])
@@ -153,9 +179,12 @@ def check_record(fields):
     require(version != 0, "schema")
 
 
-def check_segment(number, files, name):
-    """The identifiers, checksum, previous checksum, flags and root of a sound segment."""
-    data = files[name + ".jnl"]
+Segment = collections.namedtuple("Segment", "number ids hashes said is_live checksum previous root")
+
+
+@functools.lru_cache(4096)
+def check_segment(number, data, sidecar, root):
+    """What a sound segment says."""
     require(len(data) >= HEADER.size + RECORD.size + FOOTER.size, "size")
     magic, version, count, first, last, lamport_a, lamport_b, tick_a, tick_b = \
         HEADER.unpack_from(data)
@@ -167,6 +196,7 @@ def check_segment(number, files, name):
     require((footer_magic, footer_version, own) == (0x54464A43, 5, number), "footer")
     require((footer_count, footer_first, footer_last) == (count, first, last), "footer")
     require(sizes == [44, 175, 48] and flags in (0, 1), "footer")
+    require(number != 1 or previous == 0, "chain")
     require(stored == checksum(body), "checksum")
 
     records = [body[44 + i * 175:44 + (i + 1) * 175] for i in range(count)]
@@ -182,19 +212,18 @@ def check_segment(number, files, name):
         check_record(record)
         require(flags == 0 or (record[12], record[13]) == (0, 0), "imported")
 
-    require(ids[-1] - ids[0] + 1 == count or flags != 0, "identifiers are missing")
     hashes = [event_hash(record) for record in records]
     head = (number, count, first, last)
-    sidecar, root = files.get(name + ".hsh"), files.get(name + ".ert")
     require(sidecar is not None and root is not None, "companion missing")
     require(sidecar == SIDECAR.pack(0x48534A43, 4, *head) + b"".join(hashes), "sidecar")
     require(root == ROOT.pack(0x52544A43, 1, *head, 4, merkle_root(hashes)), "root")
-    return ids, checksum(body), previous, flags, root[28:]
+    said = [f[6].split(b"\0")[0].decode("latin-1") for f in fields
+            if f[5].split(b"\0")[0] == b"cjournal"]
+    return Segment(number, ids, hashes, said, flags == 0, stored, previous, root[28:])
 
 
-def is_signed(files, name, root, key):
-    signature = files.get(name + ".sig", b"")
-    if len(signature) != 64:
+def is_signed(signature, root, key):
+    if signature is None or len(signature) != 64:
         return False
     require(key is not None, "a signature without a key")
     try:
@@ -212,34 +241,63 @@ def judge(files, public=None):
     key = Ed25519PublicKey.from_public_bytes(public) if public else None
     numbers = sorted(int(found.group(1)) for path in files
                      if (found := re.fullmatch(r"/causal/seg-(\d{8})\.jnl", path)))
-    unsigned = not numbers
-    chain = None
-    starts = {1} if numbers[:1] == [1] else None  # where a regular segment may begin
+    row, unsigned = [], not numbers
     try:
         for number in numbers:
             name = f"/causal/seg-{number:08d}"
-            ids, own, previous, flags, root = check_segment(number, files, name)
-            require(chain is None or chain[0] + 1 == number, "a segment is missing")
-            if number == 1:
-                require(previous == 0, "chain")
-            elif chain is not None:
-                require(previous == chain[1], "chain")
-            chain = number, own
-            if flags == 0:
-                starts = check_order(ids, starts)
-            unsigned = not is_signed(files, name, root, key) or unsigned
+            parts = [files.get(name + ending) for ending in (".jnl", ".hsh", ".ert", ".sig")]
+            row.append(check_segment(number, *parts[:3]))
+            unsigned = not is_signed(parts[3], row[-1].root, key) or unsigned
+        check_row(row)
         check_index(files.get("/causal/index.jix", b""), numbers)
     except Damage:
         return BAD
     return UNSEALED if unsigned else SOUND
 
 
-def check_order(ids, starts):
-    """Identifiers go on where the segment before ended; an event spilled alone may run ahead."""
-    if starts is None or ids[0] in starts:
-        return (starts or set()) | {ids[-1] + 1} if len(ids) == 1 else {ids[-1] + 1}
-    require(len(ids) == 1, "identifiers are missing")
-    return starts
+def check_row(row):
+    """The segments belong together: numbers, chain and identifiers go on from one to the next, but
+    where the journal itself says what was lost and what was evicted."""
+    said = [text for one in row for text in one.said]
+    lost = [tuple(map(int, m.groups())) for t in said if (m := re.match(r"lost (\d+)\.\.(\d+)", t))]
+    gone = {int(m.group(1)) for t in said if (m := re.match(r"evict (\d+) ", t))}
+    single = {one.ids[0]: one.hashes[0] for one in row if one.is_live and len(one.ids) == 1}
+    alone = set()  # so far
+
+    def require_lost(first, end):
+        """Events from `first` on, before `end`, are alone elsewhere or named."""
+        edges = [first - 1, *sorted(n for n in alone if first <= n < end), end]
+        for before, after in zip(edges, edges[1:]):
+            require(before + 1 == after or
+                    any(a <= before + 1 and after - 1 <= b for a, b in lost), "missing events")
+
+    begun = bool(row) and row[0].number == 1  # the regular row; before it, single ones may stand
+    starts, front, last = {1}, None, None
+    for one in row:
+        if last and one.number != last.number + 1:
+            require(not begun or gone.issuperset(range(last.number + 1, one.number)), "missing")
+            front = None
+        elif last:
+            require(one.previous == last.checksum, "chain")
+        last = one
+        if not one.is_live:
+            continue
+        first, end = one.ids[0], one.ids[-1] + 1
+        for a, b in zip(one.ids, one.ids[1:]):
+            require_lost(a + 1, b)
+        alone |= {first} if len(one.ids) == 1 else set()
+        if len(one.ids) == 1 and not begun:
+            front = end if front in (None, first) else front
+        elif len(one.ids) == 1:
+            starts |= {end} if first in starts else set()
+        else:
+            if first not in starts if begun else front and first > front:
+                require(not begun or first >= max(starts), "events come again")
+                require_lost(max(starts) if begun else front, first)
+            begun, starts = True, {end}
+    for one in row:
+        for number, digest in zip(one.ids, one.hashes):
+            require(not one.is_live or single.get(number, digest) == digest, "twins differ")
 
 
 def check_index(index, numbers):
