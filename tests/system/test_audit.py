@@ -129,7 +129,7 @@ def test_exit_codes_and_options(image_of, tmp_path):
         assert tool("audit", image, *words).returncode == status, words
     assert tool("audit", tmp_path / "nothing").returncode == 1
     (tmp_path / "zeros").write_bytes(bytes(1 << 20))
-    assert "no volume" in tool("audit", tmp_path / "zeros").stderr
+    assert tool("audit", tmp_path / "zeros").returncode == 3
     # The second segment is gone: only what was seen before tells.
     files = {path: data for path, data in files.items() if "00000002" not in path}
     image = image_of(files)

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr int EXIT_WRONG_USE = 2;
+constexpr int EXIT_NO_JOURNAL = 3;
 
 constexpr const char* USAGE =
     "Usage: ./vorn audit IMAGE [--key HEX] [--state FILE] [--json]\n"
@@ -26,7 +27,9 @@ constexpr const char* USAGE =
     "  --json        one object instead of a report\n"
     "  --help        this text\n"
     "\n"
-    "Exit status: 0 sound and sealed, 1 bad, 2 wrong use, 4 sound but not all segments signed.\n"
+    "Exit status: 0 sound and sealed, 1 bad, 2 wrong use, 3 no journal there, 4 sound but not all\n"
+    "segments signed. A machine stopped in its first start may leave no journal; later it is "
+    "gone.\n"
     "What is protected, and what no check can tell, stands at the end of the report.\n";
 
 struct options_t {
@@ -77,8 +80,9 @@ bool parse_options(int argc, char** argv, options_t* options) {
 
 int run(const options_t& options) {
     files_t files;
-    if (!read_journal_files(options.image, &files))
-        return AUDIT_BAD;
+    const journal_found_t found = read_journal_files(options.image, &files);
+    if (found != journal_found_t::whole)
+        return found == journal_found_t::none ? EXIT_NO_JOURNAL : AUDIT_BAD;
     audit_t audit = audit_journal(files, options.key);
     if (!options.state.empty() && !state_compare(options.state, &audit))
         return AUDIT_BAD;

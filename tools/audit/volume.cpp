@@ -13,9 +13,9 @@ namespace {
 
 constexpr size_t LISTING_BYTES = 1 << 20;  // more than any inode table's names
 
-bool complain(const std::string& image, const std::string& what) {
+journal_found_t complain(const std::string& image, const std::string& what, journal_found_t found) {
     std::fprintf(stderr, "audit: %s: %s\n", image.c_str(), what.c_str());
-    return false;
+    return found;
 }
 
 /// Mounting a disk without a volume would format it, though only in memory.
@@ -36,33 +36,35 @@ bool read_file(const std::string& name, bytes_t* bytes) {
                                              st.size) == static_cast<int>(st.size);
 }
 
-bool read_folder(const std::string& image, files_t* files) {
+journal_found_t read_folder(const std::string& image, files_t* files) {
     std::string listing(LISTING_BYTES, '\0');
     if (blockfs_list(CJOURNAL_DIR, listing.data(), static_cast<int>(listing.size())) < 0)
-        return complain(image, std::string("there is no journal (no ") + CJOURNAL_DIR + ")");
+        return complain(image, std::string("there is no journal (no ") + CJOURNAL_DIR + ")",
+                        journal_found_t::none);
     std::istringstream names(listing.c_str());
     for (std::string name; std::getline(names, name);)
         if (!read_file(name, &(*files)[name]))
-            return complain(image, "a file of the journal cannot be read");
-    return true;
+            return complain(image, "a file of the journal cannot be read",
+                            journal_found_t::unreadable);
+    return journal_found_t::whole;
 }
 
 }  // namespace
 
-bool read_journal_files(const std::string& image, files_t* files) {
+journal_found_t read_journal_files(const std::string& image, files_t* files) {
     const std::string wrong = image_open(image, image_access::read);
     if (!wrong.empty()) {
         std::fprintf(stderr, "audit: %s\n", wrong.c_str());
-        return false;
+        return journal_found_t::unreadable;
     }
-    bool done = false;
+    journal_found_t found = journal_found_t::none;
     if (!has_volume())
-        complain(image, "there is no volume on it");
+        complain(image, "there is no volume on it", found);
     else if (blockfs_init() != 0)
-        complain(image, "its volume cannot be mounted");
+        found = complain(image, "its volume cannot be mounted", journal_found_t::unreadable);
     else
-        done = read_folder(image, files);
+        found = read_folder(image, files);
     blockfs_forget();
     image_close();
-    return done;
+    return found;
 }

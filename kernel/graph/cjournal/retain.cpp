@@ -1,4 +1,7 @@
 // Retention: whole segments go, the one with the smallest first identifier first.
+#include <algorithm>
+#include <span>
+
 #include "kernel/core/endian.h"
 #include "kernel/core/string.h"
 #include "kernel/fs/blockfs.h"
@@ -45,15 +48,20 @@ uint32_t record_eviction_locked(uint32_t segment) REQUIRES(cjournal_lock) {
     return causal_emit_payload(CAUSAL_IO, "cjournal", desc, nullptr, 0, &evicted, sizeof evicted);
 }
 
-/// A segment with an older number stays: imported events may be the oldest ones anywhere in the
-/// row.
-bool leaves_gap_locked(int32_t at) REQUIRES(cjournal_lock) {
-    const cjournal_entry_t& goes = cjournal.index[at];
-    for (int32_t i = 0; i < cjournal.index_count; i++) {
-        if (cjournal.index[i].segment_num < goes.segment_num)
-            return (goes.flags & CJOURNAL_FLAG_IMPORTED) != 0;
-    }
-    return false;
+std::span<const cjournal_entry_t> entries_locked() REQUIRES(cjournal_lock) {
+    return {cjournal.index, static_cast<size_t>(cjournal.index_count)};
+}
+
+// What was imported or spilled alone may be the oldest, or not, anywhere in the row of numbers.
+
+bool older_stays_locked(uint32_t segment) REQUIRES(cjournal_lock) {
+    return std::ranges::any_of(entries_locked(),
+                               [=](const auto& entry) { return entry.segment_num < segment; });
+}
+
+bool newer_stays_locked(uint32_t segment) REQUIRES(cjournal_lock) {
+    return std::ranges::any_of(entries_locked(),
+                               [=](const auto& entry) { return entry.segment_num > segment; });
 }
 
 /// Writes an event as the next segment, which has no entry yet.
@@ -71,6 +79,20 @@ void remove_entry_locked(int32_t at) REQUIRES(cjournal_lock) {
             static_cast<size_t>(cjournal.index_count - at) * sizeof cjournal.index[0]);
     cjournal.index[cjournal.index_count] = {};
     cjournal.events_spilled -= events < cjournal.events_spilled ? events : cjournal.events_spilled;
+}
+
+void put_back_locked(const cjournal_entry_t& entry) REQUIRES(cjournal_lock) {
+    cjournal.index[cjournal.index_count++] = entry;
+    cjournal.events_spilled += entry.event_count;
+}
+
+/// Removes the files of a segment that has no entry any more. The newest one in the row the index
+/// file must not name when it goes: that would look like a tail that somebody cut off.
+bool remove_evicted_locked(uint32_t segment) REQUIRES(cjournal_lock) {
+    if (older_stays_locked(segment) && !newer_stays_locked(segment) &&
+        save_index_file_locked() != 0)
+        return false;
+    return cjournal_remove_segment_locked(segment) || !cjournal_segment_exists(segment);
 }
 
 /// A signature outlives its segment, so that an evicted root can still be proved to be ours; but
@@ -108,23 +130,26 @@ bool delete_oldest_segment_locked() {
     if (cjournal.index_count == 0)
         return false;
     const int32_t at = oldest_entry_locked();
-    const uint32_t segment = cjournal.index[at].segment_num;
-    const uint32_t event = record_eviction_locked(segment);
+    const cjournal_entry_t entry = cjournal.index[at];
+    const uint32_t event = record_eviction_locked(entry.segment_num);
+    const uint32_t next = cjournal.segments_written + 1;
+    const bool imported = (entry.flags & CJOURNAL_FLAG_IMPORTED) != 0;
     heap_ptr<cjournal_draft_t> account;
-    if (leaves_gap_locked(at)) {
+    if (imported && older_stays_locked(entry.segment_num)) {
         account = heap_ptr<cjournal_draft_t>::make();
         if (!write_alone_locked(event, account.get()))
             return false;
     }
-    if (!cjournal_remove_segment_locked(segment) && cjournal_segment_exists(segment)) {
+    remove_entry_locked(at);
+    if (!remove_evicted_locked(entry.segment_num)) {
+        put_back_locked(entry);
         if (account)
-            cjournal_remove_segment_locked(cjournal.segments_written + 1);
+            cjournal_remove_segment_locked(next);
         return false;
     }
-    remove_old_signature(segment);
-    remove_entry_locked(at);
+    remove_old_signature(entry.segment_num);
     if (account)
-        index_add_segment_locked(cjournal.segments_written + 1, account.get(), 0);
+        index_add_segment_locked(next, account.get(), 0);
     return true;
 }
 
