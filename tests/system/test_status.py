@@ -36,8 +36,9 @@ ANSWERS = [
     ("digest foo", DIGEST_USAGE), ("digest net net", DIGEST_USAGE),
     ("mood set", MOOD_USAGE), (f"mood {HUGE}", MOOD_USAGE),
     ("mood set %s", "  unknown mood: %s\n  valid: zen calm busy stressed critical recovering\n"),
-    ("schedule", SCHEDULE_USAGE), ("schedule 5", SCHEDULE_USAGE), ("schedule -5 ls", SCHEDULE_USAGE),
-    (f"schedule {HUGE} ls", SCHEDULE_USAGE), ("scheduled x", "Scheduled commands:\n  (none pending)\n"),
+    ("schedule", SCHEDULE_USAGE), ("schedule 5", SCHEDULE_USAGE),
+    ("schedule -5 ls", SCHEDULE_USAGE), (f"schedule {HUGE} ls", SCHEDULE_USAGE),
+    ("scheduled x", "Scheduled commands:\n  (none pending)\n"),
 ]
 
 
@@ -85,7 +86,8 @@ def test_top_is_drawn_anew_until_q(machine):
     one = machine(disk=False, net=False)
     one.send("top\r")
     for _ in range(3):
-        one.wait_for(re.compile(r"Vorn - Top {4}Uptime: 0m \d+s    Tasks: \d+  \(R:1  W:\d+  B:\d+\)"))
+        one.wait_for(re.compile(r"Vorn - Top {4}Uptime: 0m \d+s {4}Tasks: \d+  "
+                                r"\(R:1  W:\d+  B:\d+\)"))
         one.wait_for("Press 'q' to exit")
     one.wait_vga("Press 'q' to exit")
     one.send("xyz")  # other keys do nothing
