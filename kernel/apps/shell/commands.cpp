@@ -28,6 +28,10 @@
 #include "kernel/graph/capsule.h"
 #include "kernel/graph/causal.h"
 #include "kernel/graph/causal_persist.h"
+#include "kernel/graph/cbisect.h"
+#include "kernel/graph/cdb.h"
+#include "kernel/graph/cprof.h"
+#include "kernel/graph/eset.h"
 #include "kernel/graph/replay.h"
 #include "kernel/graph/timeline.h"
 
@@ -175,12 +179,16 @@ constinit const command_t commands[] = {
     {"cap", cmd_cap},
     {"search", cmd_search},
     {"blame", cmd_blame},
+    {"cbisect", cmd_cbisect},
+    {"cdb", cmd_cdb},
+    {"cprof", cmd_cprof},
     {"attest", cmd_attest},
     {"capsule", cmd_capsule},
     {"tempcap", cmd_tempcap},
     {"liveness", cmd_liveness},
     {"whatif", cmd_whatif},
     {"digest", cmd_digest},
+    {"eset", cmd_eset},
     {"pattern", cmd_pattern},
     {"mood", cmd_mood},
     {"ptree", cmd_ptree},
