@@ -35,8 +35,8 @@ void cmd_status(int argc, char** argv);
 /// `ps`: the tasks, the caller first.
 void cmd_ps(int argc, char** argv);
 
-/// `top`: tasks and memory, drawn anew every half second until somebody presses q; once only while
-/// the output is captured.
+/// `top`: tasks and memory, drawn anew every half second until somebody presses q; once only
+/// where nobody can.
 void cmd_top(int argc, char** argv);
 
 /// `ptree`: tasks by their distance from the root, eight levels.

@@ -69,7 +69,7 @@ void fire(const sched_entry_t& entry, uint32_t caps) {
     timeline_emit(timeline_find(TIMELINE), NOTED, nullptr, 0, text);
     causal_event_fmt(CAUSAL_SHELL, "sched", "fired: %s", entry.command);
     const cap_limit_scope limited(caps);
-    shell_exec(entry.command);
+    shell_exec_unattended(entry.command);
 }
 
 void sched_app_task() {

@@ -56,6 +56,12 @@ void shell_read_line(const char* prompt, char* line);
 /// suggestion.
 void shell_exec(const char* cmdline);
 
+/// shell_exec where nobody answers: commands that would wait for keys do not. One task at a time.
+void shell_exec_unattended(const char* cmdline);
+
+/// Whether somebody sees what the running task shows and can answer it.
+bool shell_is_attended(void);
+
 /// Splits `line` in place at runs of spaces; a token that begins with a double quote runs to the
 /// next one or the end. Stores at most SHELL_ARGS_MAX arguments and ignores the rest. Returns their
 /// number.

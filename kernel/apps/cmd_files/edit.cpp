@@ -255,7 +255,7 @@ void cmd_edit(int argc, char** argv) {
         kprintf("Usage: edit <file>\n");
         return;
     }
-    if (console_is_captured()) {
+    if (!shell_is_attended()) {
         kprintf("edit: needs a terminal\n");
         return;
     }

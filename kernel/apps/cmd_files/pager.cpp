@@ -7,7 +7,6 @@
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
-#include "kernel/drivers/console.h"
 #include "kernel/drivers/keymap.h"
 
 namespace {
@@ -154,8 +153,8 @@ void cmd_more(int argc, char** argv) {
     }
     if (!file_options(argc, argv, "", 1, "more <file...>", &options))
         return;
-    // Nobody sees the question of a captured command.
-    if (console_is_captured()) {
+    // Nobody would answer the question.
+    if (!shell_is_attended()) {
         cmd_cat(argc, argv);
         return;
     }

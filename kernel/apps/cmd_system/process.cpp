@@ -186,8 +186,7 @@ void cmd_ps(int, char**) {
 void cmd_top(int, char**) {
     constexpr uint32_t REFRESH_TICKS = 50;
     draw_top();
-    // Nobody can see a captured screen, so nobody will press a key.
-    if (console_is_captured())
+    if (!shell_is_attended())
         return;
     uint32_t drawn = system_ticks;
     for (;;) {

@@ -24,6 +24,8 @@
 #include "kernel/apps/vorsh.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
+#include "kernel/core/task.h"
+#include "kernel/drivers/console.h"
 #include "kernel/graph/attest.h"
 #include "kernel/graph/capsule.h"
 #include "kernel/graph/causal.h"
@@ -52,6 +54,11 @@ constexpr std::string_view UNRECORDED[] = {
     "dagexplore", "memtrace",
 };
 static_assert(std::size(UNRECORDED) == 72);
+
+constexpr pid_t NO_TASK = -1;
+
+/// Who runs a line where nobody answers.
+pid_t unattended = NO_TASK;
 
 const command_t* find_command(const char* name) {
     for (const command_t* command = commands; command->name != nullptr; ++command) {
@@ -223,3 +230,11 @@ void shell_exec(const char* cmdline) {
     kprintf("vorn: unknown command '%s'\n", argv[0]);
     suggest_command(argv[0]);
 }
+
+void shell_exec_unattended(const char* cmdline) {
+    unattended = task_getpid();
+    shell_exec(cmdline);
+    unattended = NO_TASK;
+}
+
+bool shell_is_attended(void) { return !console_is_captured() && task_getpid() != unattended; }

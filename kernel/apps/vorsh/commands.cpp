@@ -8,7 +8,6 @@
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/core/task.h"
-#include "kernel/drivers/console.h"
 #include "kernel/fs/overlay.h"
 
 namespace {
@@ -209,7 +208,7 @@ void cmd_run(int argc, char** argv) {
 }
 
 void cmd_vorsh(int argc, char** argv) {
-    if (argc == 1 && !console_is_captured())
+    if (argc == 1 && shell_is_attended())
         run_interactive();
     else if (argc > 2 && strcmp(argv[1], "-c") == 0)
         run_inline(argc, argv);

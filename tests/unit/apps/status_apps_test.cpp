@@ -167,6 +167,10 @@ TEST_F(StatusApps, AScheduledLineMayNoMoreThanWhoScheduledIt) {
     EXPECT_EQ(machine_texts(),
               "cap grant 9 all\ncap: grant failed (need admin)\n"
               "cap test admin\nadmin: GRANTED\n");
+    // What would wait for keys does not, where nobody answers.
+    ASSERT_EQ(sched_app_add(0, "top"), 0);
+    sched_app_tick();
+    EXPECT_TRUE(shell_is_attended());
 }
 
 TEST_F(StatusApps, TheDigestWarnsOfWhoWaitsForOthers) {
