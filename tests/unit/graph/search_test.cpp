@@ -5,6 +5,7 @@
 #include <random>
 
 #include "kernel/apps/cmd_whatif.h"
+#include "kernel/graph/cjournal/internal.h"
 #include "kernel/graph/event_walk.h"
 #include "tests/unit/graph/causal_fixture.h"
 #include "tests/unit/graph/journal.h"
@@ -145,6 +146,13 @@ TEST_F(SearchJournal, AWalkShowsWhatTheStoreCanStillFetch) {
     int seen = 0;
     event_walk_each([&seen](const event_facts_t&) { return ++seen < 650; });
     EXPECT_EQ(seen, 650);
+    // An index that claims a billion events does not keep the walk.
+    causal_set_next_id(1'000'000'000);
+    causal_emit(CAUSAL_USER, "test", "far away", nullptr, 0);
+    cjournal.index[0].last_id = 900'000'000;
+    seen = 0;
+    event_walk_each([&seen](const event_facts_t&) { return ++seen > 0; });
+    EXPECT_GE(seen, 500);
 }
 
 }  // namespace
