@@ -34,6 +34,9 @@ inline bool causal_is_fault(const char* desc) {
     constexpr const char* WORDS[] = {"fault", "crash", "panic"};
     constexpr char CASE_BIT = 0x20;
     for (; *desc != '\0'; ++desc) {
+        const char first = static_cast<char>(*desc | CASE_BIT);
+        if (first != 'f' && first != 'c' && first != 'p')
+            continue;
         for (const char* word : WORDS) {
             const char* at = desc;
             while (*word != '\0' && (*at | CASE_BIT) == *word) {
