@@ -39,9 +39,12 @@
 #include "kernel/graph/causal_persist.h"
 #include "kernel/graph/cjournal.h"
 #include "kernel/graph/epattern.h"
+#include "kernel/graph/eset.h"
+#include "kernel/graph/provenance.h"
 #include "kernel/graph/replay.h"
 #include "kernel/graph/search.h"
 #include "kernel/graph/timeline.h"
+#include "kernel/graph/tldiff.h"
 #include "kernel/graph/whatif.h"
 
 namespace {
@@ -234,13 +237,16 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     mail_init();
     notes_init();
     sched_app_init();
+    provenance_init();
     cjournal_init();
     csearch_init();
+    tldiff_init();
     blame_init();
     tempcap_init();
     liveness_init();
     whatif_init();
     sysdigest_init();
+    eset_init();
     epattern_init();
     mood_init();
     mail_seed_welcome();

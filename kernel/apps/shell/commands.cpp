@@ -34,8 +34,10 @@
 #include "kernel/graph/cdb.h"
 #include "kernel/graph/cprof.h"
 #include "kernel/graph/eset.h"
+#include "kernel/graph/provenance.h"
 #include "kernel/graph/replay.h"
 #include "kernel/graph/timeline.h"
+#include "kernel/graph/tldiff.h"
 
 namespace {
 
@@ -181,10 +183,12 @@ constinit const command_t commands[] = {
     {"hexdump", cmd_hexdump},
     {"random", cmd_random},
     {"cpu", cmd_cpu},
+    {"prov", cmd_prov},
     {"journal", cmd_journal},
     {"schema", cmd_schema},
     {"cap", cmd_cap},
     {"search", cmd_search},
+    {"tldiff", cmd_tldiff},
     {"blame", cmd_blame},
     {"cbisect", cmd_cbisect},
     {"cdb", cmd_cdb},
