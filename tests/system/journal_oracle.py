@@ -75,7 +75,8 @@ def make_volume(files, sectors=400):
         struct.pack_into(f"<{len(blocks[12:])}I", image, (free - 1) * SECTOR, *blocks[12:])
     for n, (kind, parent, name, blocks) in enumerate(entries):
         indirect = blocks[-1] + 1 if len(blocks) > 12 else 0
-        INODE.pack_into(image, (2 + n) * SECTOR, kind, len(files.get(f"/causal/{name.decode()}", b"")),
+        size = len(files.get(f"/causal/{name.decode()}", b""))
+        INODE.pack_into(image, (2 + n) * SECTOR, kind, size,
                         *[*blocks[:12], *[0] * 12][:12], parent, name, indirect, 0, 0, 0, 0)
     assert free <= sectors
     return image
