@@ -38,10 +38,18 @@ bool header_agrees(const cjournal_header_t& header, const cjournal_index_entry_t
            header.last_lamport == saved.last_lamport && header.event_count == saved.event_count;
 }
 
-/// Takes a saved entry over if its segment still says the same.
-bool accept_saved_locked(const cjournal_index_entry_t& saved) REQUIRES(cjournal_lock) {
+template <typename T>
+bool same(const T& a, const T& b) {
+    return memcmp(&a, &b, sizeof a) == 0;
+}
+
+/// Takes a saved entry over if its segment still says the same; what could not be read when it was
+/// saved may be read now. `changed`: it now says something else.
+bool accept_saved_locked(const cjournal_index_entry_t& saved, bool* changed)
+    REQUIRES(cjournal_lock) {
     cjournal_header_t header;
-    if (saved.segment_num == 0 || read_segment_header_locked(saved.segment_num, &header) != 0 ||
+    if (saved.segment_num == 0 || same(saved.stats, CJOURNAL_STATS_UNKNOWN) ||
+        read_segment_header_locked(saved.segment_num, &header) != 0 ||
         !header_agrees(header, saved))
         return false;
     cjournal_entry_t* entry = &cjournal.index[cjournal.index_count];
@@ -60,6 +68,7 @@ bool accept_saved_locked(const cjournal_index_entry_t& saved) REQUIRES(cjournal_
     }
     entry->active = true;
     cjournal.index_count++;
+    *changed = *changed || !same(cjournal_saved_entry(*entry), saved);
     return true;
 }
 
@@ -80,8 +89,6 @@ void raise(uint32_t* value, uint32_t to) {
 cjournal_stats_t stats_on_disk_locked(uint32_t segment, cjournal_event_t* records)
     REQUIRES(cjournal_lock) {
     cjournal_stats_t stats = CJOURNAL_STATS_UNKNOWN;
-    if (records == nullptr)
-        return stats;
     const int count =
         read_segment_events_locked(segment, records, static_cast<int>(CJOURNAL_SEGMENT_EVENTS));
     if (count > 0)
@@ -189,8 +196,9 @@ bool cjournal_load_index_locked() {
     clear_index_locked();
     if (!cjournal_read_index_locked(&header, &entries))
         return false;
+    bool changed = false;
     for (uint32_t i = 0; i < header.entry_count; i++) {
-        if (!accept_saved_locked(entries[i]))
+        if (!accept_saved_locked(entries[i], &changed))
             return false;
     }
     cjournal.events_spilled = header.events_spilled;
@@ -198,6 +206,8 @@ bool cjournal_load_index_locked() {
     cjournal.segments_written = header.segments_written;
     cjournal_writer.index_file_valid = true;
     cjournal_writer.index_source = "loaded";
+    if (changed)
+        save_index_file_locked();
     return true;
 }
 
@@ -223,13 +233,12 @@ void index_add_segment_locked(uint32_t segment, cjournal_draft_t* draft, uint32_
 }
 
 int rebuild_index_locked() {
-    if (!cjournal.disk_available)
+    cjournal_listing_t listing;
+    const auto records = cjournal_records_t::make(CJOURNAL_SEGMENT_EVENTS);
+    if (!cjournal.disk_available || !records || !cjournal_list_locked(&listing))
         return -1;
     const uint32_t cursor = cjournal.last_spilled_id;
     clear_index_locked();
-    cjournal_listing_t listing;
-    cjournal_list_locked(&listing);
-    const auto records = cjournal_records_t::make(CJOURNAL_SEGMENT_EVENTS);
     raise_numbers_locked(listing);
     for (uint32_t i = 0; i < listing.count; i++) {
         if (listing.at(i).has(cjournal_file_t::segment))

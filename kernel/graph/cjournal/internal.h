@@ -185,7 +185,8 @@ void index_add_segment_locked(uint32_t segment, cjournal_draft_t* draft, uint32_
 /// An entry as it is saved.
 [[nodiscard]] cjournal_index_entry_t cjournal_saved_entry(const cjournal_entry_t& entry);
 
-/// cjournal_rebuild_index.
+/// cjournal_rebuild_index. -1 also, with the index as it was, when the segments cannot be listed or
+/// there is no memory to read them.
 int rebuild_index_locked() REQUIRES(cjournal_lock);
 
 /// Records of the indexed segments, and the bytes that the byte limit counts for them.
@@ -223,8 +224,9 @@ struct cjournal_listing_t {
     const cjournal_listed_t& at(uint32_t i) const { return items[i]; }
 };
 
-/// Reads the directory, however long; empty when that fails. Names of another form are ignored.
-void cjournal_list_locked(cjournal_listing_t* listing) REQUIRES(cjournal_lock);
+/// Reads the directory, however long; without one the list is empty. Names of another form are
+/// ignored. False, with an empty list, without memory, or when the volume cannot be read.
+[[nodiscard]] bool cjournal_list_locked(cjournal_listing_t* listing) REQUIRES(cjournal_lock);
 
 /// Clears away what was left half done; true when a segment is there that the index does not name.
 [[nodiscard]] bool cjournal_recover_locked() REQUIRES(cjournal_lock);

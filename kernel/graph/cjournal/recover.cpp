@@ -180,33 +180,34 @@ uint32_t snapshot_last_id() {
 
 }  // namespace
 
-void cjournal_list_locked(cjournal_listing_t* listing) {
+bool cjournal_list_locked(cjournal_listing_t* listing) {
     listing->count = 0;
     uint32_t inodes = 0;
     if (blockfs_df(nullptr, nullptr, nullptr, &inodes, nullptr, nullptr) != 0)
-        return;
+        return false;
     constexpr uint32_t LINE_BYTES = BLOCKFS_NAME_MAX + 1;
     uint32_t bytes = LISTING_BYTES_MAX;
     if (inodes < LISTING_BYTES_MAX / LINE_BYTES)
         bytes = inodes * LINE_BYTES + 2;
     const auto names = heap_ptr<char>::make(bytes);
     if (!names)
-        return;
+        return false;
     const int lines = blockfs_list(CJOURNAL_DIR, names.get(), static_cast<int>(bytes));
     if (lines <= 0)
-        return;
+        return true;
     listing->items = heap_ptr<cjournal_listed_t>::make(static_cast<uint32_t>(lines));
     if (!listing->items)
-        return;
+        return false;
     parse_listing(names.get(), listing, static_cast<uint32_t>(lines));
     sort_listing(listing);
+    return true;
 }
 
 bool cjournal_recover_locked() {
     saved_index_t saved = {};
     saved.valid = cjournal_read_index_locked(&saved.header, &saved.entries);
     cjournal_listing_t listing;
-    cjournal_list_locked(&listing);
+    static_cast<void>(cjournal_list_locked(&listing));
     heap_ptr<cjournal_draft_t> draft;
     bool unnamed = false;
     for (uint32_t i = 0; i < listing.count; i++) {
@@ -231,8 +232,10 @@ uint32_t cjournal_highest_archived_locked() {
     saved_index_t saved = {};
     saved.valid = cjournal_read_index_locked(&saved.header, &saved.entries);
     cjournal_listing_t listing;
-    cjournal_list_locked(&listing);
     uint32_t highest = snapshot_last_id();
+    const bool listed = cjournal_list_locked(&listing);
+    for (uint32_t i = 0; !listed && saved.valid && i < saved.header.entry_count; i++)
+        highest = std::max(highest, uint32_t{saved.entries[i].last_id});
     for (uint32_t i = 0; i < listing.count; i++) {
         if (!listing.at(i).has(cjournal_file_t::segment))
             continue;
@@ -240,7 +243,7 @@ uint32_t cjournal_highest_archived_locked() {
         const cjournal_index_entry_t* entry = saved.find(listing.at(i).segment);
         if (last == 0 && entry != nullptr)
             last = entry->last_id;
-        highest = last > highest ? last : highest;
+        highest = std::max(highest, last);
     }
     return highest;
 }

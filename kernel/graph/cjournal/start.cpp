@@ -116,8 +116,12 @@ bool start_locked() REQUIRES(cjournal_lock) {
     cjournal.disk_available = true;
     make_directory();
     const bool unnamed = cjournal_recover_locked();
-    if (unnamed || !cjournal_load_index_locked())
-        rebuild_index_locked();
+    if ((unnamed || !cjournal_load_index_locked()) && rebuild_index_locked() < 0) {
+        kprintf("[cjournal] WARNING: the segments cannot be read — journal disabled\n");
+        reset_locked();
+        cjournal.initialized = true;
+        return false;
+    }
     record_lost_with_last_boot_locked();
     cjournal.last_check_tick = system_ticks;
     cjournal.initialized = true;

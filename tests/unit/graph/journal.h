@@ -25,14 +25,17 @@ protected:
         Volume::TearDown();
     }
 
-    /// As after switching on, up to the journal; the machine's memory is gone, its disk is not.
-    /// `audited`: first the auditor looks at what is there.
-    void boot(bool audited = false) {
+    /// As after switching on, up to the volume; the machine's memory is gone, its disk is not.
+    void start() {
         blockfs_forget();
         m.reboot();
         running() = {};
         task_init();
         ASSERT_EQ(blockfs_init(), 0) << machine_texts();
+    }
+    /// With the journal. `audited`: first the auditor looks at what is there.
+    void boot(bool audited = false) {
+        start();
         if (audited)
             audit();
         cjournal_continue_numbering();
