@@ -3,6 +3,8 @@
 
 set(VORN_FUZZ_FLAGS -m32 -O1 -g -fno-omit-frame-pointer -fno-sanitize-recover=all)
 
+include(cmake/own_symbols.cmake)
+
 # vorn_fuzz(NAME SOURCES...): build/fuzz/fuzz_NAME from tests/fuzz/fuzz_NAME.cpp and these sources,
 # whose memcpy and so on carry the prefix vorn_ as in the unit tests.
 function(vorn_fuzz name)
@@ -13,18 +15,17 @@ function(vorn_fuzz name)
     -fsanitize=fuzzer-no-link,address,undefined
     -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-builtin)
 
-  set(symbols ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.txt)
   set(library ${CMAKE_BINARY_DIR}/lib${name}.a)
   add_custom_command(OUTPUT ${library}
-    COMMAND objcopy --redefine-syms=${symbols} $<TARGET_FILE:${name}_raw> ${library}
-    DEPENDS ${name}_raw ${symbols})
+    COMMAND objcopy --redefine-syms=${VORN_OWN_SYMBOLS} $<TARGET_FILE:${name}_raw> ${library}
+    DEPENDS ${name}_raw ${VORN_OWN_SYMBOLS})
   add_custom_target(${name}_renamed DEPENDS ${library})
 
   add_executable(fuzz_${name} ${CMAKE_SOURCE_DIR}/tests/fuzz/fuzz_${name}.cpp)
   add_dependencies(fuzz_${name} ${name}_renamed)
   target_include_directories(fuzz_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/machine ${CMAKE_SOURCE_DIR})
   target_compile_options(fuzz_${name} PRIVATE ${VORN_FUZZ_FLAGS} ${VORN_WARNINGS}
-    -include ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.h -fsanitize=fuzzer,address,undefined)
+    -include ${VORN_OWN_NAMES} -fsanitize=fuzzer,address,undefined)
   target_link_options(fuzz_${name} PRIVATE -m32 -fsanitize=fuzzer,address,undefined)
   target_link_libraries(fuzz_${name} PRIVATE ${library})
 endfunction()

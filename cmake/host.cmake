@@ -27,7 +27,7 @@ target_link_libraries(vorn_host_raw PRIVATE vorn_host_flags)
 target_compile_options(vorn_host_raw PRIVATE -O1
   -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-builtin -fno-tree-loop-distribute-patterns)
 
-set(VORN_OWN_SYMBOLS ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.txt)
+include(cmake/own_symbols.cmake)
 set(VORN_HOST_LIB ${CMAKE_BINARY_DIR}/libvorn_host.a)
 add_custom_command(OUTPUT ${VORN_HOST_LIB}
   COMMAND objcopy --redefine-syms=${VORN_OWN_SYMBOLS} $<TARGET_FILE:vorn_host_raw> ${VORN_HOST_LIB}
@@ -43,7 +43,7 @@ add_executable(vorn_unit ${VORN_UNIT_SOURCES} ${VORN_MACHINE_SOURCES} ${VORN_TOO
 add_dependencies(vorn_unit vorn_host_renamed)
 # Before every test source: our names beside the C library's, and the test library, compiled once.
 target_precompile_headers(vorn_unit PRIVATE
-  ${CMAKE_SOURCE_DIR}/tests/machine/own_symbols.h <gtest/gtest.h>)
+  ${VORN_OWN_NAMES} <gtest/gtest.h>)
 target_link_libraries(vorn_unit PRIVATE vorn_host_flags gtest32 ${VORN_HOST_LIB})
 # A test may have an allocation of the kernel fail.
 target_link_options(vorn_unit PRIVATE -Wl,--wrap=_Z7kmallocj)
