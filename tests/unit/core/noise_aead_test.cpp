@@ -113,17 +113,4 @@ TEST(Poly1305, AgreesWithAnIndependentImplementationAtTheEdgesOfTheField) {
     EXPECT_EQ(over(outputs), "467347731cad17a33bc78d3c682345a4819542d9631d03ad04ae032115c89c98");
 }
 
-TEST(ChaCha20, StreamIsItsBlocksAndTheCounterWraps) {
-    const bytes_t key = pattern(5, 32), nonce = pattern(6, 12);
-    bytes_t stream(128);
-    chacha20_encrypt(stream.data(), stream.data(), 128, key.data(), 0xFFFFFFFF, nonce.data());
-    uint32_t words[8], nonce_words[3], block[16];
-    memcpy(words, key.data(), sizeof words);
-    memcpy(nonce_words, nonce.data(), sizeof nonce_words);
-    for (const uint32_t counter : {0xFFFFFFFFu, 0u}) {
-        chacha20_block(block, words, counter, nonce_words);
-        EXPECT_EQ(memcmp(block, stream.data() + (counter == 0 ? 64 : 0), sizeof block), 0);
-    }
-}
-
 }  // namespace

@@ -102,24 +102,6 @@ TEST_F(CausalPersist, ADamagedSnapshotIsRefusedWhole) {
     EXPECT_EQ(machine_texts(), "[cpersist] restore failed\n");
 }
 
-TEST_F(CausalPersist, APowerCutLeavesTheOldSnapshotOrTheNewOne) {
-    emit_until(40);
-    ASSERT_GT(causal_flush(), 0);
-    const bytes_t old = read(PATH);
-    const disk_image before = m.disk.image;
-    int result = -1;
-    for (uint64_t cut = 0; result < 0; ++cut) {
-        m.disk.image = before;
-        restart();
-        emit_until(900);
-        m.disk.cut_power_after(cut);
-        result = causal_flush();
-        m.disk.power_on();
-        ASSERT_EQ(mount(), 0);
-        ASSERT_TRUE(read(PATH).size() == 24 + 512 * 138u || (result < 0 && read(PATH) == old));
-    }
-}
-
 TEST_F(CausalPersist, FlushesItselfOnlyWhenThereIsReason) {
     const auto flushes_at = [](uint32_t tick) {
         const uint32_t before = causal_total_events();

@@ -26,9 +26,7 @@ TEST_F(Replay, TasksComeAndGo) {
     sched("exit pid=7 status=0 name=worker");
     sched("reap pid=9999");
     const replay_snapshot_t snap = at(10);
-    EXPECT_EQ(snap.tasks_created, 20u);
-    EXPECT_EQ(snap.tasks_exited, 2u);
-    EXPECT_EQ(snap.tasks_alive, 18u);
+    EXPECT_EQ((ids_t{snap.tasks_created, snap.tasks_exited, snap.tasks_alive}), (ids_t{20, 2, 18}));
     EXPECT_EQ(snap.active_task_count, 15);
     EXPECT_EQ(snap.active_tasks[0].pid, 100u);
     EXPECT_EQ(replay_at(1, nullptr), -1);
@@ -50,17 +48,12 @@ TEST_F(Replay, CountsByTypeAndWordsUpToTheTick) {
     system_ticks = 6;
     emit();
     const replay_snapshot_t snap = at(5);
-    EXPECT_EQ(snap.net_tx, 2u);
-    EXPECT_EQ(snap.net_rx, 2u);
     EXPECT_EQ(snap.net_bytes_tx, 128u);
     EXPECT_EQ(snap.conn_events, 1);
-    EXPECT_EQ(snap.disk_reads, 1u);
-    EXPECT_EQ(snap.disk_writes, 1u);
-    EXPECT_EQ(snap.fs_ops, 1u);
-    EXPECT_EQ(snap.syscalls, 1u);
-    EXPECT_EQ(snap.actor_msgs, 10u);
     EXPECT_EQ(snap.active_actor_count, 8);
-    EXPECT_EQ(snap.total_events, last);
+    EXPECT_EQ((ids_t{snap.net_tx, snap.net_rx, snap.disk_reads, snap.disk_writes, snap.fs_ops,
+                     snap.syscalls, snap.actor_msgs, snap.total_events}),
+              (ids_t{2, 2, 1, 1, 1, 1, 10, last}));
     EXPECT_EQ(ids_t(snap.recent_ids, snap.recent_ids + 8),
               (ids_t{last - 7, last - 6, last - 5, last - 4, last - 3, last - 2, last - 1, last}));
 }
