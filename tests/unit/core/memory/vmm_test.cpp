@@ -14,7 +14,10 @@ constexpr uint32_t ACCESSED = 0x20;
 
 class Vmm : public testing::Test {
 protected:
-    void SetUp() override { machine_boot_memory(); }
+    void SetUp() override {
+        machine_boot_memory();
+        running().page_dir = nullptr;
+    }
     void TearDown() override { running().page_dir = nullptr; }
 
     static uint32_t address(const uint32_t* p) {
