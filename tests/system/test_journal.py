@@ -1,10 +1,13 @@
 """The journal from the keyboard to the auditor: written, sealed, powered off, proved, tampered
 with, and still known to the next boot."""
 import re
+import struct
 import subprocess
 
+import pytest
+
 import journal_oracle as oracle
-from rig import ROOT
+from rig import ROOT, Disk, Machine
 
 AUDITOR = ROOT / "build" / "tools" / "vorn-audit"
 VERIFIED = "journal verify: ok\n"
@@ -85,17 +88,43 @@ def test_the_next_boot_knows_the_first_ones_events_and_numbers_go_on(machine):
     assert done.returncode == 0, done
 
 
-def test_a_killed_machine_leaves_a_journal_that_verifies(machine):
-    one = machine(net=False)
-    for number in range(3):
-        one.run(f"write /n{number} text")
-        one.run("journal spill 100000")
+def press_the_button(one):
+    one.qmp.run("system_powerdown")
+    one.wait_end()
     one.close()
-    two = machine(net=False, disk=one.disk)
-    assert two.run("journal verify").endswith(VERIFIED)
-    seal(two)
-    two.close()
-    assert judge(two.disk) == oracle.SOUND == audit(two.disk).returncode
+
+
+def archived(files):
+    """Number, Lamport time, ticks, subsystem and text of every event in segments and snapshot."""
+    for path, data in files.items():
+        if path.endswith(".jnl"):
+            record, data = oracle.RECORD, data[44:-48]
+        elif path == "/causal/journal.bin":
+            record, data = struct.Struct("<IIQIxxxxB16s80s17x"), data[24:]
+        else:
+            continue
+        for number, _, lamport, ticks, _, name, text, *_ in record.iter_unpack(data):
+            yield number, (lamport, ticks, name, text)
+
+
+@pytest.mark.parametrize("sectors", [1000, 10 << 21])
+def test_however_a_boot_ends_the_journal_is_sound_and_no_number_comes_back(machine, sectors):
+    disk, known = Disk(size=512 * sectors), {}
+    for boot, end in enumerate([halt, Machine.close, press_the_button, Machine.close, halt]):
+        one = machine(net=False, disk=disk)
+        assert one.run("journal verify").endswith(VERIFIED)
+        one.run(f"diskfill /full{boot} 100K")  # at last there is no room on the smaller one
+        one.run("journal spill 20")
+        one.run("attest last")
+        one.run("journal spill-through last")
+        one.run("cflush")
+        end(one)
+        files = oracle.read_volume(disk.read(0, 8 << 20))
+        assert oracle.judge(files) == audit(disk).returncode == oracle.UNSEALED
+        for number, event in archived(files):
+            assert known.setdefault(number, event) == event, (end, number)
+    one = machine(net=False, disk=disk)
+    assert f"disk) | {max(known) + 1} -- " in one.run("journal")
 
 
 def test_without_a_disk_every_subcommand_says_something_and_changes_nothing(machine):

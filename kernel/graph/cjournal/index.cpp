@@ -43,6 +43,19 @@ bool same(const T& a, const T& b) {
     return memcmp(&a, &b, sizeof a) == 0;
 }
 
+/// In one step; when the volume has no room for two of them, the old one goes first: a cut there
+/// leaves none, and the next start rebuilds it.
+bool replace_index(const void* data, uint32_t bytes) {
+    if (blockfs_replace_file(CJOURNAL_INDEX_PATH, data, bytes) == 0)
+        return true;
+    uint32_t free_blocks = 0;
+    if (blockfs_df(nullptr, nullptr, &free_blocks, nullptr, nullptr, nullptr) != 0 ||
+        free_blocks * BLOCKFS_BLOCK_BYTES >= bytes)
+        return false;
+    return blockfs_remove(CJOURNAL_INDEX_PATH) == 0 &&
+           blockfs_replace_file(CJOURNAL_INDEX_PATH, data, bytes) == 0;
+}
+
 /// Takes a saved entry over if its segment still says the same; what could not be read when it was
 /// saved may be read now. `changed`: it now says something else.
 bool accept_saved_locked(const cjournal_index_entry_t& saved, bool* changed)
@@ -170,7 +183,7 @@ int save_index_file_locked() {
                     cjournal.events_spilled, cjournal.last_spilled_id, cjournal.segments_written};
     for (uint32_t i = 0; i < count; i++)
         file->entries[i] = cjournal_saved_entry(cjournal.index[i]);
-    if (blockfs_replace_file(CJOURNAL_INDEX_PATH, file.get(), cjournal_index_bytes(count)) != 0)
+    if (!replace_index(file.get(), cjournal_index_bytes(count)))
         return -1;
     cjournal_writer.index_file_valid = true;
     return 0;

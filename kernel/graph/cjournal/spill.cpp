@@ -3,6 +3,7 @@
 // so the records of a segment are consecutive and lie in the range that its header gives. An event
 // that names lost ones is spilled alone, ahead of the rest, before the segment behind the gap: a
 // machine that is killed leaves no gap that the journal does not account for.
+#include "kernel/core/assert.h"
 #include "kernel/core/guards.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/liveness.h"
@@ -101,6 +102,51 @@ bool append_run_locked(cjournal_draft_t* draft) REQUIRES(cjournal_lock) {
     return true;
 }
 
+/// Where a spill began.
+struct before_t {
+    uint32_t segments_written, last_spilled_id;
+    cjournal_account_t account;
+};
+
+before_t begin_locked() REQUIRES(cjournal_lock) {
+    return {cjournal.segments_written, cjournal.last_spilled_id, cjournal_writer.account};
+}
+
+/// Takes the newest segment back; the number of events that the regular spill has to write again.
+uint32_t take_back_locked(const before_t& before) REQUIRES(cjournal_lock) {
+    const cjournal_entry_t gone = cjournal.index[--cjournal.index_count];
+    KASSERT(gone.segment_num == cjournal.segments_written);
+    cjournal.index[cjournal.index_count] = {};
+    cjournal.segments_written--;
+    cjournal.events_spilled -= gone.event_count;
+    cjournal_writer.account = before.account;
+    cjournal_writer.lost_through = 0;  // what was named may have gone with it
+    if (gone.last_id > cjournal.last_spilled_id)
+        return 0;
+    cjournal.last_spilled_id = before.last_spilled_id;
+    for (int32_t i = 0; i < cjournal.index_count; i++) {
+        const cjournal_entry_t& entry = cjournal.index[i];
+        if (entry.segment_num > before.segments_written && entry.last_id < gone.first_id &&
+            entry.last_id > cjournal.last_spilled_id)
+            cjournal.last_spilled_id = entry.last_id;
+    }
+    return gone.event_count;
+}
+
+/// Saves the index with what was written since; the number of events that had to be taken back,
+/// newest first, because a full volume had no room left for it.
+uint32_t save_written_locked(const before_t& before) REQUIRES(cjournal_lock) {
+    uint32_t taken = 0;
+    while (save_index_file_locked() != 0) {
+        if (cjournal.segments_written == before.segments_written ||
+            !cjournal_remove_segment_locked(cjournal.segments_written))
+            return taken;
+        taken += take_back_locked(before);
+    }
+    cjournal_writer.index_source = "live";
+    return taken;
+}
+
 uint32_t smaller(uint32_t a, uint32_t b) { return a < b ? a : b; }
 
 /// The event that makes the unspilled ones too many.
@@ -158,6 +204,7 @@ int cjournal_spill_locked(uint32_t count) {
     const auto draft = heap_ptr<cjournal_draft_t>::make();
     if (!draft)
         return 0;
+    const before_t before = begin_locked();
     uint32_t written = 0;
     while (written < count) {
         fill_draft_locked(draft.get(), smaller(count - written, CJOURNAL_SEGMENT_EVENTS), end);
@@ -166,11 +213,10 @@ int cjournal_spill_locked(uint32_t count) {
         cjournal.last_spilled_id = draft->header()->last_id;
         written += draft->count;
     }
-    if (written == 0)
+    if (cjournal.segments_written == before.segments_written)
         return 0;
     cjournal_writer.last_spill_tick = system_ticks;
-    if (save_index_file_locked() == 0)
-        cjournal_writer.index_source = "live";
+    written -= save_written_locked(before);
     set_mark_locked();
     return static_cast<int>(written);
 }
@@ -226,11 +272,11 @@ int cjournal_spill_through(uint32_t event_id) {
     const mutex_guard guard(cjournal_lock);
     if (!cjournal_running_locked())
         return -1;
+    const before_t before = begin_locked();
     if (append_alone_locked(event_id) != 1)
         return -1;
-    if (save_index_file_locked() == 0)
-        cjournal_writer.index_source = "live";
-    return 1;
+    static_cast<void>(save_written_locked(before));
+    return cjournal.segments_written != before.segments_written ? 1 : -1;
 }
 
 const cjournal_state_t* cjournal_state() NO_THREAD_SAFETY_ANALYSIS { return &cjournal; }
