@@ -28,7 +28,8 @@ constexpr const char* HELP =
     "                        s for sectors; 64M without it)\n"
     "\n"
     "Paths begin at the root, with or without \"/\". A command that fails leaves the image as it\n"
-    "was. Exit codes: 0 good, 1 bad, 2 wrong usage.\n";
+    "was; rm and mkdir of several paths keep what succeeded. Exit codes: 0 good, 1 bad, 2 wrong\n"
+    "usage.\n";
 
 struct command_t {
     std::string_view name;

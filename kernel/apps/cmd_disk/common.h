@@ -28,7 +28,7 @@ constexpr bool disk_is_directory(const disk_entry_t& entry) {
 /// Prints "command: name: what".
 void disk_complain(const char* command, const char* name, const char* what);
 
-/// The path that a name means; false after a line when it is too long for the volume.
+/// The path that a name means; false after a line when it is empty or too long for the volume.
 [[nodiscard]] bool disk_name(const char* command, const char* name, char path[SHELL_PATH_BYTES]);
 
 /// The entry that a name means; false after a line when there is none.
@@ -46,6 +46,13 @@ const char* disk_base_name(const char* path);
 /// Why a change at `path` failed, as far as the volume tells it afterwards.
 const char* disk_why(const char* path);
 
+/// Appends to the file `inode` as long as `path` names it: the bytes appended, fewer than `len`
+/// when something is wrong.
+[[nodiscard]] uint32_t disk_append(const char* path, int inode, const uint8_t* bytes, uint32_t len);
+
+/// Why disk_append stored less, as far as the volume tells it afterwards.
+const char* disk_append_why(const char* path, int inode);
+
 /// The letters of `allowed` that stand in front of the names as "-ab -c", one bit each in the order
 /// of `allowed`; `*first` becomes the first name ("--" ends the letters). False for another letter.
 [[nodiscard]] bool disk_options(int argc, char** argv, const char* allowed, uint32_t* set,
@@ -55,7 +62,7 @@ const char* disk_why(const char* path);
 [[nodiscard]] bool disk_parse_size(const char* text, uint32_t* bytes);
 
 /// A file read in pieces of DISK_PIECE_BYTES at most. The file may change meanwhile: it then ends
-/// where the volume says.
+/// where the volume says; one that was removed or replaced is not read on.
 class disk_reader_t {
 public:
     /// False after a line when there is no memory.
@@ -65,7 +72,7 @@ public:
     void seek(uint32_t offset) { offset_ = offset; }
 
     /// The next piece, of `most` bytes at most: its length, 0 at the end, -1 after a line when the
-    /// disk fails.
+    /// disk fails or the file is gone.
     [[nodiscard]] int next(uint32_t most = DISK_PIECE_BYTES);
 
     const uint8_t* data() const { return buffer_.get(); }

@@ -46,12 +46,13 @@ void copy_contents(const char* command, const disk_entry_t& from, int inode, con
     int got = 0;
     uint32_t done = 0;
     while ((got = reader.next()) > 0) {
-        const int stored = blockfs_append_file(inode, reader.data(), static_cast<uint32_t>(got));
-        done += stored > 0 ? static_cast<uint32_t>(stored) : 0;
-        if (stored == got)
+        const auto length = static_cast<uint32_t>(got);
+        const uint32_t stored = disk_append(path, inode, reader.data(), length);
+        done += stored;
+        if (stored == length)
             continue;
         kprintf("%s: %s: %u of %u bytes written: %s\n", command, path, done, from.stat.size,
-                disk_why(path));
+                disk_append_why(path, inode));
         return;
     }
 }

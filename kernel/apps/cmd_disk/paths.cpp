@@ -44,6 +44,11 @@ void disk_complain(const char* command, const char* name, const char* what) {
 }
 
 bool disk_name(const char* command, const char* name, char path[SHELL_PATH_BYTES]) {
+    // It would be the working directory: too easily what a script's variable lacks.
+    if (name[0] == '\0') {
+        disk_complain(command, "\"\"", "no such file or directory");
+        return false;
+    }
     const bool fits = disk_make_path(name, path, SHELL_PATH_BYTES) == 0 && components_fit(path);
     if (!fits)
         disk_complain(command, name, "name too long");

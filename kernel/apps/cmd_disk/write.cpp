@@ -58,15 +58,16 @@ void fill(uint8_t* buffer, const char* text, uint32_t offset) {
 }
 
 /// Appends `bytes` of the repeated text to an empty file; the bytes appended.
-uint32_t append_filling(int inode, uint8_t* buffer, const char* text, uint32_t bytes) {
+uint32_t append_filling(const char* path, int inode, uint8_t* buffer, const char* text,
+                        uint32_t bytes) {
     uint32_t done = 0;
     while (done < bytes) {
         const uint32_t piece = bytes - done < DISK_PIECE_BYTES ? bytes - done : DISK_PIECE_BYTES;
         fill(buffer, text, done);
-        const int got = blockfs_append_file(inode, buffer, piece);
-        if (got <= 0)
+        const uint32_t stored = disk_append(path, inode, buffer, piece);
+        if (stored == 0)
             break;
-        done += static_cast<uint32_t>(got);
+        done += stored;
     }
     return done;
 }
@@ -85,9 +86,10 @@ void fill_file(const char* command, const char* name, uint32_t bytes, const char
         disk_complain(command, name, disk_why(path));
         return;
     }
-    const uint32_t done = append_filling(inode, buffer.get(), text, bytes);
+    const uint32_t done = append_filling(path, inode, buffer.get(), text, bytes);
     if (done != bytes)
-        kprintf("%s: %s: %u of %u bytes written: %s\n", command, name, done, bytes, disk_why(path));
+        kprintf("%s: %s: %u of %u bytes written: %s\n", command, name, done, bytes,
+                disk_append_why(path, inode));
 }
 
 void make_directory(const char* command, const char* name, bool with_parents) {
@@ -169,8 +171,9 @@ void cmd_diskappend(int argc, char** argv) {
     shell_concat_args(text, sizeof text, argc, argv, 2);
     const uint32_t length = unescape(text);
     const int inode = open_file(argv[0], argv[1], path);
-    if (inode >= 0 && blockfs_append_file(inode, text, length) != static_cast<int>(length))
-        disk_complain(argv[0], argv[1], disk_why(path));
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text);
+    if (inode >= 0 && disk_append(path, inode, bytes, length) != length)
+        disk_complain(argv[0], argv[1], disk_append_why(path, inode));
 }
 
 void cmd_diskfill(int argc, char** argv) {

@@ -81,8 +81,10 @@ bool copy_any(copy_t* copy, int depth) {
         return copy_file(*copy);
     if (!copy->recursive)
         return file_error(copy->command, copy->from, OVERLAY_IS_DIRECTORY);
-    if (depth == DEPTH_MAX)
-        return file_error(copy->command, copy->from, OVERLAY_TOO_LONG);
+    if (depth == DEPTH_MAX) {
+        kprintf("%s: %s: more than %d directories deep\n", copy->command, copy->from, DEPTH_MAX);
+        return false;
+    }
     if (!overlay_is_directory(copy->to)) {
         if (const int error = overlay_mkdir(copy->to, copy->route()); error != 0)
             return file_error(copy->command, copy->to, error);

@@ -45,10 +45,11 @@ private:
 };
 
 void show_head(const char* typed, uint32_t lines) {
-    shown_t shown;
-    if (lines == 0)
+    overlay_file_t file;
+    if (!file_open("head", typed, &file) || lines == 0)
         return;
-    (void)file_read("head", typed, [&](bytes_t piece) {
+    shown_t shown;
+    (void)file_read_from("head", file, 0, [&](bytes_t piece) {
         auto end = piece.begin();
         while (lines > 0 && end != piece.end()) {
             end = std::find(end, piece.end(), '\n');

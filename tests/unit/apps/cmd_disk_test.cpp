@@ -186,6 +186,7 @@ TEST_F(CmdDisk, SayWhatIsWrongInOneLine) {
         {"disktouch " + longest, "disktouch: " + longest + ": name too long"},
         {"diskrm d", "diskrm: d: directory not empty (-r removes all of it)"},
         {"diskrm /", "diskrm: /: the root stays"},
+        {"diskrm -r \"\"", "diskrm: \"\": no such file or directory"},
         {"diskrm -r d", "diskrm: d: it or something in it is read-only, or the disk fails"},
         {"diskmv d d/x", "diskmv: d: cannot go below itself"},
         {"diskmv f d/ro", "diskmv: /d/ro: read-only"},
@@ -199,6 +200,20 @@ TEST_F(CmdDisk, SayWhatIsWrongInOneLine) {
         EXPECT_EQ(run(one.line), one.said + "\n") << one.line;
     EXPECT_EQ(get("/f") + get("/d/ro"), "xx") << "nothing was changed";
     EXPECT_EQ(faults(), "");
+}
+
+TEST_F(CmdDisk, ACopyLeavesTheFileAloneThatGetsItsInodeMeanwhile) {
+    put("/from", std::string(10000, 'x'));
+    blockfs_set_change_hook([](int op, const char*, const void*, uint32_t) {
+        if (op != BLOCKFS_OP_APPEND)
+            return;
+        blockfs_set_change_hook(nullptr);
+        blockfs_remove("/to");
+        put("/other", "mine");
+    });
+    EXPECT_EQ(run("diskcp from to"),
+              "diskcp: /to: 4096 of 10000 bytes written: changed by another task meanwhile\n");
+    EXPECT_EQ(get("/other"), "mine");
 }
 
 TEST_F(CmdDisk, WalkAsDeepAsPathsGoAndFillDirectories) {
