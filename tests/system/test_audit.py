@@ -153,7 +153,7 @@ def test_agrees_with_the_independent_judge_on_random_damage(tmp_path):
     for _ in range(100):
         row = history(chance)
         honest = oracle.make_journal(row, SEED)
-        wanted, images = [oracle.SOUND], [tmp_path / "0.img"]
+        wanted, images = [oracle.judge(honest)], [tmp_path / "0.img"]
         images[0].write_bytes(oracle.make_volume(honest))
         for number in range(1, 21):
             files = dict(honest)
