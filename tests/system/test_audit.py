@@ -1,6 +1,7 @@
 """The offline auditor, held against an independent judge."""
 import collections
 import json
+import os
 import random
 import subprocess
 
@@ -147,7 +148,7 @@ def verdicts_on(images):
 
 
 def test_agrees_with_the_independent_judge_on_random_damage(tmp_path):
-    seed = random.randrange(1 << 32)
+    seed = int(os.environ.get("VORN_SEED", "2"))
     print("seed", seed)
     chance, seen = random.Random(seed), collections.Counter()
     for _ in range(100):
