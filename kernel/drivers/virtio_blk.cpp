@@ -1,7 +1,10 @@
-// One request is three buffers: header, data, status byte. It completes when the device returns the
-// chain; a device that does not, or that returns something else, is reset before anything of the
-// request is used again.
+// One request is header, data in one or more pieces, status byte. It completes when the device
+// returns the chain; a device that does not, or that returns something else, is reset before
+// anything of the request is used again.
 #include "kernel/drivers/virtio_blk.h"
+
+#include <algorithm>
+#include <array>
 
 #include "arch/x86/cpu.h"
 #include "kernel/core/kprintf.h"
@@ -36,8 +39,8 @@ static_assert(sizeof(virtio_blk_req_header) == 16);
 struct request_t {
     request_type type;
     uint64_t sector;
-    void* data;  ///< only read for a write
-    uint32_t count;
+    std::span<const blk_piece_t> pieces;  ///< only read for a write
+    uint32_t count;                       ///< their sectors
 
     const char* name() const { return type == request_type::read ? "read" : "write"; }
     uint32_t sector_shown() const { return static_cast<uint32_t>(sector); }
@@ -52,6 +55,7 @@ struct state_t {
     uint64_t capacity;  ///< sectors
     virtio_blk_req_header header;
     volatile uint8_t status;
+    std::array<virtq_buf, BLK_PIECES_MAX + 2> chain;
 };
 
 state_t blk;
@@ -86,16 +90,22 @@ bool length_sound(const request_t& r, uint32_t len) {
     return len >= least && len <= room + sizeof(virtio_blk_req_header);
 }
 
-int attempt(const request_t& r) REQUIRES(blk_lock) {
+/// Puts the request on the queue; the chain's head, or -1.
+int push_chain(const request_t& r) REQUIRES(blk_lock) {
     blk.header = {static_cast<uint32_t>(r.type), 0, r.sector};
     blk.status = STATUS_NONE;
-    const virtq_buf bufs[] = {
-        {&blk.header, sizeof blk.header, false},
-        {r.data, r.bytes(), r.type == request_type::read},
-        {const_cast<const uint8_t*>(&blk.status), sizeof blk.status, true},
-    };
+    size_t used = 0;
+    blk.chain[used++] = {&blk.header, sizeof blk.header, false};
+    for (const blk_piece_t& piece : r.pieces)
+        blk.chain[used++] = {piece.data, piece.count * BLK_SECTOR_SIZE,
+                             r.type == request_type::read};
+    blk.chain[used++] = {const_cast<const uint8_t*>(&blk.status), sizeof blk.status, true};
+    return virtq_push(&blk.device.queues[REQUEST_QUEUE], blk.chain.data(), static_cast<int>(used));
+}
+
+int attempt(const request_t& r) REQUIRES(blk_lock) {
     virtq_t* vq = &blk.device.queues[REQUEST_QUEUE];
-    const int head = virtq_push(vq, bufs, 3);
+    const int head = push_chain(r);
     if (head < 0)
         return -1;
     virtq_kick(&blk.device, REQUEST_QUEUE);
@@ -124,12 +134,18 @@ void announce_retry(const request_t& r, int number) {
                      r.count);
 }
 
-int transfer(const request_t& r) {
-    if (r.data == nullptr || r.count == 0 || r.count > COUNT_MAX)
-        return -1;
-    const mutex_guard guard(blk_lock);
-    if (!blk.ready || r.count > blk.capacity || r.sector > blk.capacity - r.count)
-        return -1;
+/// The sectors of these pieces; 0 when they make no request.
+uint32_t sectors_of(std::span<const blk_piece_t> pieces) {
+    uint64_t count = 0;
+    for (const blk_piece_t& piece : pieces) {
+        if (piece.data == nullptr || piece.count == 0)
+            return 0;
+        count += piece.count;
+    }
+    return count <= COUNT_MAX ? static_cast<uint32_t>(count) : 0;
+}
+
+int transfer(const request_t& r) REQUIRES(blk_lock) {
     if (attempt(r) == 0)
         return 0;
     for (int number = 2; number <= ATTEMPTS_MAX && blk.ready; ++number) {
@@ -138,6 +154,25 @@ int transfer(const request_t& r) {
             return 0;
     }
     return -1;
+}
+
+/// Carries the pieces over, in one request where the device's queue is long enough.
+int transfer_all(request_type type, uint64_t sector, std::span<const blk_piece_t> pieces) {
+    const uint32_t count = sectors_of(pieces);
+    const mutex_guard guard(blk_lock);
+    if (count == 0 || !blk.ready || count > blk.capacity || sector > blk.capacity - count)
+        return -1;
+    const uint32_t room = blk.device.queues[REQUEST_QUEUE].size;
+    const size_t at_once = room > 2 ? std::min(room - 2, BLK_PIECES_MAX) : 1;
+    while (!pieces.empty()) {
+        const auto part = pieces.first(std::min(at_once, pieces.size()));
+        const request_t r = {type, sector, part, sectors_of(part)};
+        if (transfer(r) != 0)
+            return -1;
+        sector += r.count;
+        pieces = pieces.subspan(part.size());
+    }
+    return 0;
 }
 
 }  // namespace
@@ -158,11 +193,17 @@ int blk_init(void) {
 }
 
 int blk_read(uint64_t sector, void* buf, uint32_t count) {
-    return transfer({request_type::read, sector, buf, count});
+    const blk_piece_t piece = {buf, count};
+    return transfer_all(request_type::read, sector, {&piece, 1});
 }
 
 int blk_write(uint64_t sector, const void* buf, uint32_t count) {
-    return transfer({request_type::write, sector, const_cast<void*>(buf), count});
+    const blk_piece_t piece = {buf, count};
+    return blk_write_pieces(sector, {&piece, 1});
+}
+
+int blk_write_pieces(uint64_t sector, std::span<const blk_piece_t> pieces) {
+    return transfer_all(request_type::write, sector, pieces);
 }
 
 uint64_t blk_capacity(void) { return blk.capacity; }

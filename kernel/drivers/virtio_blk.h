@@ -9,7 +9,16 @@
 
 #include <stdint.h>
 
+#include <span>
+
 constexpr uint32_t BLK_SECTOR_SIZE = 512;
+constexpr uint32_t BLK_PIECES_MAX = 32;  ///< that go out in one request
+
+/// Sectors side by side in memory.
+struct blk_piece_t {
+    const void* data;  ///< identity-mapped kernel memory
+    uint32_t count;    ///< sectors
+};
 
 /// Finds device 0x1AF4:0x1001 and brings it up; prints and records its capacity. 0, or -1 when
 /// there is none or it does not come up. Start-up, after pci_init. Records "init: virtio-blk ready,
@@ -27,6 +36,11 @@ int blk_init(void);
 /// Writes `count` sectors from `buf`, with the contract of blk_read and "write" in the texts. After
 /// a failure any of the sectors may have been written.
 [[nodiscard]] int blk_write(uint64_t sector, const void* buf, uint32_t count);
+
+/// blk_write of sectors that stand side by side on the disk and in several places in memory. They
+/// go out in order; in one request where there are at most BLK_PIECES_MAX pieces and the device's
+/// queue is long enough.
+[[nodiscard]] int blk_write_pieces(uint64_t sector, std::span<const blk_piece_t> pieces);
 
 /// The capacity in sectors, 0 before blk_init. Any context.
 uint64_t blk_capacity(void);

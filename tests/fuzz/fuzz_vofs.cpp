@@ -50,6 +50,15 @@ int blk_write(uint64_t sector, const void* buf, uint32_t count) {
     return 0;
 }
 
+int blk_write_pieces(uint64_t sector, std::span<const blk_piece_t> pieces) {
+    for (const blk_piece_t& piece : pieces) {
+        if (blk_write(sector, piece.data, piece.count) != 0)
+            return -1;
+        sector += piece.count;
+    }
+    return 0;
+}
+
 uint64_t blk_capacity() { return SECTORS; }
 bool blk_present() { return true; }
 void* kmalloc(size_t size) { return size < HEAP_BYTES ? malloc(size) : nullptr; }

@@ -149,20 +149,26 @@ void virtio_disk::was_reset() {
 }
 
 void virtio_disk::complete(const chain_t& chain) {
-    if (chain.buffers.size() != 3 || chain.buffers[0].writable || !chain.buffers[2].writable ||
-        chain.buffers[0].len != HEADER_BYTES || chain.buffers[2].len != 1)
+    const buffer_t& header = chain.buffers.front();
+    const buffer_t& state = chain.buffers.back();
+    if (chain.buffers.size() < 3 || header.writable || !state.writable ||
+        header.len != HEADER_BYTES || state.len != 1)
         throw std::logic_error("a request that is not header, data and status");
-    const buffer_t& data = chain.buffers[1];
     uint32_t type = 0;
     uint64_t sector = 0;
-    std::memcpy(&type, chain.buffers[0].data, sizeof type);
-    std::memcpy(&sector, chain.buffers[0].data + 8, sizeof sector);
-    if (type > 1 || data.writable != (type == 0) || data.len % sizeof(sector_t) != 0)
-        throw std::logic_error("a request of a type that does not fit its buffers");
-    const bool failing = requests >= fail_from_ && requests < fail_to_;
-    const bool done = !failing && carry_out(type, sector, data);
-    *chain.buffers[2].data = done ? STATUS_OK : STATUS_FAILED;
-    tell(chain, done && type == 0 ? data.len + 1 : 1);
+    std::memcpy(&type, header.data, sizeof type);
+    std::memcpy(&sector, header.data + 8, sizeof sector);
+    bool done = type <= 1 && (requests < fail_from_ || requests >= fail_to_);
+    uint32_t bytes = 0;
+    for (size_t i = 1; i + 1 < chain.buffers.size(); ++i) {
+        const buffer_t& data = chain.buffers[i];
+        if (type > 1 || data.writable != (type == 0) || data.len % sizeof(sector_t) != 0)
+            throw std::logic_error("a request of a type that does not fit its buffers");
+        done = done && carry_out(type, sector + bytes / sizeof(sector_t), data);
+        bytes += data.len;
+    }
+    *state.data = done ? STATUS_OK : STATUS_FAILED;
+    tell(chain, done && type == 0 ? bytes + 1 : 1);
 }
 
 bool virtio_disk::carry_out(uint32_t type, uint64_t sector, const buffer_t& data) {

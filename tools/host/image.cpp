@@ -214,13 +214,25 @@ int blk_read(uint64_t sector, void* buf, uint32_t count) {
 }
 
 int blk_write(uint64_t sector, const void* buf, uint32_t count) {
-    if (buf == nullptr || !in_range(sector, count))
+    const blk_piece_t piece = {buf, count};
+    return blk_write_pieces(sector, {&piece, 1});
+}
+
+int blk_write_pieces(uint64_t sector, std::span<const blk_piece_t> pieces) {
+    request_t request = {sector, {}};
+    for (const blk_piece_t& piece : pieces) {
+        if (piece.data == nullptr)
+            return -1;
+        const auto* from = static_cast<const uint8_t*>(piece.data);
+        request.data.insert(request.data.end(), from, from + size_t{piece.count} * BLK_SECTOR_SIZE);
+    }
+    const size_t count = request.data.size() / BLK_SECTOR_SIZE;
+    if (!in_range(sector, static_cast<uint32_t>(count)))
         return -1;
-    const auto* from = static_cast<const uint8_t*>(buf);
-    image.requests.push_back({sector, {from, from + size_t{count} * BLK_SECTOR_SIZE}});
-    for (uint32_t i = 0; i < count; ++i)
-        std::memcpy(image.latest[sector + i].data(), from + size_t{i} * BLK_SECTOR_SIZE,
+    for (size_t i = 0; i < count; ++i)
+        std::memcpy(image.latest[sector + i].data(), &request.data[i * BLK_SECTOR_SIZE],
                     BLK_SECTOR_SIZE);
+    image.requests.push_back(std::move(request));
     return 0;
 }
 

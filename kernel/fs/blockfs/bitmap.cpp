@@ -1,5 +1,6 @@
 // Which blocks are free. The bitmap in memory leads; sectors that changed wait to be written, so
 // that an operation writes each of them once. A sector whose write failed goes on waiting.
+#include <algorithm>
 #include <array>
 #include <bit>
 
@@ -58,6 +59,19 @@ uint32_t next_clear_locked(uint32_t bit) REQUIRES(vofs_lock) {
     return count;
 }
 
+/// Takes clear bits from `bit` on that stand side by side in one word, `wanted` at most; how many.
+uint32_t take_together_locked(uint32_t bit, uint32_t wanted) REQUIRES(vofs_lock) {
+    uint8_t* at = vofs.bitmap + bit / WORD_BITS * 4;
+    const uint32_t shift = bit % WORD_BITS;
+    const uint32_t word = load_le32(at);
+    const uint32_t clear = static_cast<uint32_t>(std::countr_zero(word >> shift));
+    const uint32_t room = std::min(WORD_BITS - shift, bit_count_locked() - bit);
+    const uint32_t count = std::min({wanted, clear, room});
+    store_le32(at, word | (UINT32_MAX >> (WORD_BITS - count)) << shift);
+    changed_locked(bit);
+    return count;
+}
+
 /// How many sectors from `first` on wait, side by side.
 uint32_t waiting_run_locked(uint32_t first) REQUIRES(vofs_lock) {
     uint32_t count = 0;
@@ -92,13 +106,13 @@ uint32_t bitmap_take_locked(uint32_t* sectors, uint32_t count) {
     const uint32_t bits = bit_count_locked();
     uint32_t taken = 0;
     uint32_t bit = state.lowest_free;
-    for (; taken < count; ++taken) {
+    while (taken < count) {
         bit = next_clear_locked(bit);
         if (bit == bits)
             break;
-        vofs.bitmap[bit / 8] |= static_cast<uint8_t>(1u << bit % 8);
-        changed_locked(bit);
-        sectors[taken] = vofs.sb.data_start + bit;
+        const uint32_t behind = taken + take_together_locked(bit, count - taken);
+        for (; taken < behind; ++taken)
+            sectors[taken] = vofs.sb.data_start + bit++;
     }
     state.lowest_free = bit;
     return taken;
@@ -126,6 +140,8 @@ void bitmap_flush_locked() {
         state.last_waiting = 0;
     }
 }
+
+bool bitmap_settled_locked() { return state.first_waiting == NONE; }
 
 bool bitmap_waits_locked(uint32_t sector) {
     return state.waiting.has((sector - vofs.sb.data_start) / VOFS_BITS);
@@ -156,5 +172,5 @@ bool bitmap_write_all_locked() {
     state.last_waiting = count - 1;
     state.lowest_free = 0;
     bitmap_flush_locked();
-    return state.first_waiting == NONE;
+    return bitmap_settled_locked();
 }

@@ -60,15 +60,6 @@ void invalidate_locked(uint32_t sector, uint32_t count) REQUIRES(vofs_lock) {
     }
 }
 
-/// The device takes physical addresses: the identity map, and our own buffers.
-bool device_reaches_locked(const void* buf, uint32_t bytes) REQUIRES(vofs_lock) {
-    const uintptr_t start = reinterpret_cast<uintptr_t>(buf);
-    const uintptr_t own = start - reinterpret_cast<uintptr_t>(&vofs_buffers);
-    if (bytes <= sizeof vofs_buffers && own <= sizeof vofs_buffers - bytes)
-        return true;
-    return bytes <= IDENTITY_MAP_BYTES && start <= IDENTITY_MAP_BYTES - bytes;
-}
-
 int read_one_locked(uint32_t sector, void* buf) REQUIRES(vofs_lock) {
     if (vofs_cache_entry_t* entry = find_locked(sector)) {
         memcpy(buf, entry->data, VOFS_SECTOR);
@@ -80,7 +71,7 @@ int read_one_locked(uint32_t sector, void* buf) REQUIRES(vofs_lock) {
 }
 
 int write_one_locked(uint32_t sector, const void* buf) REQUIRES(vofs_lock) {
-    if (!device_reaches_locked(buf, VOFS_SECTOR)) {
+    if (!cache_reaches_locked(buf, VOFS_SECTOR)) {
         memcpy(vofs_buffers.sector, buf, VOFS_SECTOR);
         buf = vofs_buffers.sector;
     }
@@ -117,7 +108,24 @@ int write_pieces_locked(uint32_t sector, const uint8_t* buf, uint32_t count) REQ
     return 0;
 }
 
+/// Writes sectors from one place, one by one: how many, before the first that cannot be written.
+uint32_t write_singly_locked(uint32_t sector, const uint8_t* buf, uint32_t count)
+    REQUIRES(vofs_lock) {
+    for (uint32_t i = 0; i < count; ++i)
+        if (cache_write_locked(sector + i, buf + i * VOFS_SECTOR, 1) != 0)
+            return i;
+    return count;
+}
+
 }  // namespace
+
+bool cache_reaches_locked(const void* buf, uint32_t bytes) {
+    const uintptr_t start = reinterpret_cast<uintptr_t>(buf);
+    const uintptr_t own = start - reinterpret_cast<uintptr_t>(&vofs_buffers);
+    if (bytes <= sizeof vofs_buffers && own <= sizeof vofs_buffers - bytes)
+        return true;
+    return bytes <= IDENTITY_MAP_BYTES && start <= IDENTITY_MAP_BYTES - bytes;
+}
 
 int cache_reread_locked(uint32_t sector, void* buf) {
     if (const int failed = blk_read(sector, vofs_buffers.sector, 1))
@@ -131,7 +139,7 @@ int cache_reread_locked(uint32_t sector, void* buf) {
 int cache_read_locked(uint32_t sector, void* buf, uint32_t count) {
     if (count == 1)
         return read_one_locked(sector, buf);
-    if (device_reaches_locked(buf, count * VOFS_SECTOR))
+    if (cache_reaches_locked(buf, count * VOFS_SECTOR))
         return blk_read(sector, buf, count);
     return read_pieces_locked(sector, static_cast<uint8_t*>(buf), count);
 }
@@ -140,7 +148,7 @@ int cache_write_locked(uint32_t sector, const void* buf, uint32_t count) {
     ++write_attempts;
     if (count == 1)
         return write_one_locked(sector, buf);
-    const int failed = device_reaches_locked(buf, count * VOFS_SECTOR)
+    const int failed = cache_reaches_locked(buf, count * VOFS_SECTOR)
                            ? blk_write(sector, buf, count)
                            : write_pieces_locked(sector, static_cast<const uint8_t*>(buf), count);
     if (failed != 0)
@@ -153,12 +161,30 @@ int cache_write_locked(uint32_t sector, const void* buf, uint32_t count) {
 uint32_t cache_write_run_locked(uint32_t sector, const uint8_t* buf, uint32_t count) {
     if (cache_write_locked(sector, buf, count) == 0)
         return count;
+    return count == 1 ? 0 : write_singly_locked(sector, buf, count);
+}
+
+uint32_t cache_write_pieces_locked(uint32_t sector, std::span<const blk_piece_t> pieces) {
+    uint32_t count = 0;
+    for (const blk_piece_t& piece : pieces)
+        count += piece.count;
     if (count == 1)
-        return 0;
-    for (uint32_t i = 0; i < count; ++i)
-        if (cache_write_locked(sector + i, buf + i * VOFS_SECTOR, 1) != 0)
-            return i;
-    return count;
+        return cache_write_run_locked(sector, static_cast<const uint8_t*>(pieces[0].data), 1);
+    ++write_attempts;
+    if (blk_write_pieces(sector, pieces) == 0) {
+        ++cache_stats.writes;
+        invalidate_locked(sector, count);
+        return count;
+    }
+    uint32_t written = 0;
+    for (const blk_piece_t& piece : pieces) {
+        const auto* from = static_cast<const uint8_t*>(piece.data);
+        const uint32_t done = write_singly_locked(sector + written, from, piece.count);
+        written += done;
+        if (done < piece.count)
+            break;
+    }
+    return written;
 }
 
 bool cache_matches_locked(uint32_t sector, const void* data) {

@@ -18,6 +18,7 @@
 #include "kernel/core/interrupt.h"
 #include "kernel/core/mutex.h"
 #include "kernel/core/task.h"
+#include "kernel/drivers/virtio_blk.h"
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/blockfs/format.h"
 
@@ -81,6 +82,14 @@ inline bool vofs_in_data_area_locked(uint32_t sector) REQUIRES(vofs_lock) {
 [[nodiscard]] uint32_t cache_write_run_locked(uint32_t sector, const uint8_t* buf, uint32_t count)
     REQUIRES(vofs_lock);
 
+/// The same with sectors from several places in memory, all of which the device must reach.
+[[nodiscard]] uint32_t cache_write_pieces_locked(uint32_t sector,
+                                                 std::span<const blk_piece_t> pieces)
+    REQUIRES(vofs_lock);
+
+/// The device takes physical addresses: whether it finds `bytes` from `buf` on there.
+[[nodiscard]] bool cache_reaches_locked(const void* buf, uint32_t bytes) REQUIRES(vofs_lock);
+
 /// The cache knows that the device's sector holds just this.
 [[nodiscard]] bool cache_matches_locked(uint32_t sector, const void* data) REQUIRES(vofs_lock);
 
@@ -107,6 +116,9 @@ void bitmap_release_locked(uint32_t sector) REQUIRES(vofs_lock);
 /// Writes what changed, neighbours together, and says which sectors failed. Those are tried again
 /// at the next flush.
 void bitmap_flush_locked() REQUIRES(vofs_lock);
+
+/// Nothing of the bitmap waits to be written.
+[[nodiscard]] bool bitmap_settled_locked() REQUIRES(vofs_lock);
 
 /// The bitmap sector that holds this block's bit still waits to be written.
 [[nodiscard]] bool bitmap_waits_locked(uint32_t sector) REQUIRES(vofs_lock);

@@ -1,7 +1,9 @@
 // A file's bytes on their way to new blocks. All sectors that they need are taken at once, first
 // fit, in the order of places (format.h); so sectors rise with places, and neighbours go out in one
-// request, pointer blocks among them. A new pointer block is complete when it is written, for what
-// it points to is known by then.
+// request, pointer blocks among them: data from where the caller has it, the rest from slots of the
+// run buffer. A new pointer block is complete when it is written, for what it points to is known by
+// then.
+#include <algorithm>
 #include <array>
 
 #include "kernel/core/string.h"
@@ -14,6 +16,30 @@ constexpr uint32_t DOUBLE_PLACE = vofs_place_of_block(VOFS_DOUBLE_START) - 2;
 
 /// The sector of each place from the layout's first one on.
 std::array<uint32_t, VOFS_PLACES_MAX> sectors GUARDED_BY(vofs_lock);
+
+/// Neighbours on the disk on their way into one request.
+struct run_t {
+    std::array<blk_piece_t, BLK_PIECES_MAX> pieces;
+    uint32_t count;    ///< pieces
+    uint32_t sectors;  ///< of all pieces
+    uint32_t slots;    ///< sectors of vofs_buffers.run in use
+
+    bool add(const uint8_t* data, uint32_t added) {
+        blk_piece_t* last = count > 0 ? &pieces[count - 1] : nullptr;
+        const bool joins = last != nullptr && data == static_cast<const uint8_t*>(last->data) +
+                                                          last->count * VOFS_SECTOR;
+        if (!joins && count == pieces.size())
+            return false;
+        if (joins)
+            last->count += added;
+        else
+            pieces[count++] = {data, added};
+        sectors += added;
+        return true;
+    }
+};
+
+run_t run GUARDED_BY(vofs_lock);
 
 uint32_t sector_of_block_locked(uint32_t block) REQUIRES(vofs_lock) {
     return sectors[vofs_place_of_block(block)];
@@ -65,16 +91,43 @@ void fill_locked(const vofs_layout_t& layout, vofs_place place, uint8_t* sector)
         enter_leaves_locked(layout, pointers);
 }
 
-/// Fills the run buffer from place `at` on, as long as the sectors are neighbours; its length.
-uint32_t fill_run_locked(const vofs_layout_t& layout, uint32_t at, uint32_t end)
+/// Data blocks from `block` on with no pointer block between them.
+constexpr uint32_t blocks_together(uint32_t block) {
+    if (block < VOFS_DIRECT)
+        return VOFS_DIRECT - block;
+    if (block < VOFS_DOUBLE_START)
+        return VOFS_DOUBLE_START - block;
+    return VOFS_POINTERS - (block - VOFS_DOUBLE_START) % VOFS_POINTERS;
+}
+
+/// Adds what stands from `place` on to the run, at most `room` sectors; false when it is full.
+bool add_place_locked(const vofs_layout_t& layout, uint32_t place, uint32_t room)
     REQUIRES(vofs_lock) {
-    uint32_t count = 0;
-    while (at + count < end && count < VOFS_RUN_SECTORS &&
-           sectors[at + count] == sectors[at] + count) {
-        fill_locked(layout, vofs_place_at(at + count), vofs_buffers.run + count * VOFS_SECTOR);
-        ++count;
+    const vofs_place what = vofs_place_at(place);
+    if (what.kind == vofs_kind::data) {
+        const uint32_t offset = (what.index - layout.first) * VOFS_SECTOR;
+        const uint32_t whole =
+            std::min({room, blocks_together(what.index), (layout.len - offset) / VOFS_SECTOR});
+        if (whole != 0 && cache_reaches_locked(layout.data + offset, whole * VOFS_SECTOR))
+            return run.add(layout.data + offset, whole);
     }
-    return count;
+    if (run.slots == VOFS_RUN_SECTORS)
+        return false;
+    uint8_t* slot = vofs_buffers.run + run.slots * VOFS_SECTOR;
+    fill_locked(layout, what, slot);
+    ++run.slots;
+    return run.add(slot, 1);
+}
+
+/// Makes a run of what stands from place `at` on, as long as the sectors are neighbours.
+void make_run_locked(const vofs_layout_t& layout, uint32_t at, uint32_t end) REQUIRES(vofs_lock) {
+    uint32_t behind = at + 1;
+    while (behind < end && sectors[behind] == sectors[at] + (behind - at))
+        ++behind;
+    run = {};
+    while (at + run.sectors < behind &&
+           add_place_locked(layout, at + run.sectors, behind - at - run.sectors)) {
+    }
 }
 
 /// Gives back the places from those of `blocks` data blocks up to `end`; `blocks` is what is left.
@@ -108,6 +161,8 @@ void rewrite_pointers_locked(vofs_layout_t* layout) REQUIRES(vofs_lock) {
 
 /// The first place of [from, end) whose bit is not on disk, or `end`.
 uint32_t first_unmarked_locked(uint32_t from, uint32_t end) REQUIRES(vofs_lock) {
+    if (bitmap_settled_locked())
+        return end;
     while (from < end && !bitmap_waits_locked(sectors[from]))
         ++from;
     return from;
@@ -134,10 +189,11 @@ void layout_write_locked(vofs_layout_t* layout) {
     const uint32_t end = vofs_places_for(layout->blocks);
     uint32_t at = vofs_places_for(layout->first);
     while (at < end) {
-        const uint32_t count = fill_run_locked(*layout, at, end);
-        const uint32_t written = cache_write_run_locked(sectors[at], vofs_buffers.run, count);
+        make_run_locked(*layout, at, end);
+        const uint32_t written =
+            cache_write_pieces_locked(sectors[at], {run.pieces.data(), run.count});
         at += written;
-        if (written < count)
+        if (written < run.sectors)
             break;
     }
     if (at == end)

@@ -34,6 +34,30 @@ TEST_F(VirtioBlk, SectorsUpToTheLastComeBackAsWritten) {
     EXPECT_EQ(disk.requests, 2u);
 }
 
+TEST_F(VirtioBlk, PiecesGoOutInOrderAndTogetherAsFarAsTheQueueHasRoom) {
+    std::vector<blk_piece_t> pieces;
+    for (uint32_t i = 8; i-- > 0;)
+        pieces.push_back({data.data() + i * BLK_SECTOR_SIZE, 1});
+    pieces.push_back({data.data(), 8});
+    const auto write = [&](uint64_t sector) {
+        ASSERT_EQ(blk_write_pieces(sector, pieces), 0);
+        for (uint32_t i = 0; i < 16; ++i)
+            EXPECT_EQ(memcmp(disk.image[sector + i].data(),
+                             data.data() + (i < 8 ? 7 - i : i - 8) * BLK_SECTOR_SIZE, 512),
+                      0);
+    };
+    write(100);
+    EXPECT_EQ(disk.requests, 1u);
+    disk.queue_sizes[0] = 4;
+    ASSERT_EQ(blk_init(), 0);
+    write(200);
+    EXPECT_EQ(disk.requests, 6u);
+    EXPECT_EQ(blk_write_pieces(0, {}), -1);
+    pieces.push_back({data.data(), 8388607});
+    EXPECT_EQ(blk_write_pieces(0, pieces), -1);
+    EXPECT_EQ(disk.requests, 6u);
+}
+
 TEST_F(VirtioBlk, StartsOnceThereIsADiskAndSaysItsSize) {
     machine_texts().clear();
     ASSERT_EQ(blk_init(), 0);
