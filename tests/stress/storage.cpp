@@ -48,15 +48,11 @@ void check(const uint8_t* data, int count, uint32_t size, uint32_t seed) {
             stress_fail("a file holds other bytes", i, data[i]);
 }
 
-/// What one reads of the shared file was written at once.
 void share_file(uint8_t* data, uint32_t seed) {
     memset(data, static_cast<int>(seed), FILE_BYTES);
     if (blockfs_replace_file(SHARED, data, 1 + seed % FILE_BYTES) != 0)
         stress_fail("the shared file took no data", seed, 0);
-    const int count = blockfs_read_file(blockfs_resolve(SHARED), data, 0, FILE_BYTES);
-    for (int i = 1; i < count; ++i)
-        if (data[i] != data[0])
-            stress_fail("a shared file of two writes", static_cast<uint32_t>(i), data[0]);
+    verify_uniform(data, blockfs_read_file(blockfs_resolve(SHARED), data, 0, FILE_BYTES));
 }
 
 }  // namespace

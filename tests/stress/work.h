@@ -33,6 +33,13 @@ void work(Step step) {
     __atomic_sub_fetch(&workers_alive, 1, __ATOMIC_RELAXED);
 }
 
+/// What one reads of a shared file was written at once, by itself or by another.
+inline void verify_uniform(const uint8_t* data, int count) {
+    for (int i = 1; i < count; ++i)
+        if (data[i] != data[0])
+            stress_fail("a file of two writes", static_cast<uint32_t>(i), data[0]);
+}
+
 // --- storage.cpp ---
 
 void timeline_worker();

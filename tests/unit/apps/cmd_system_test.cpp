@@ -5,27 +5,18 @@
 #include <string>
 
 #include "kernel/apps/shell.h"
-#include "kernel/core/interrupt.h"
-#include "kernel/core/kprintf.h"
-#include "kernel/core/memory.h"
-#include "kernel/core/task.h"
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/dmesg.h"
 #include "tests/machine/kernel.h"
-#include "tests/machine/memory.h"
 
 namespace {
 
 class CmdSystem : public ::testing::Test {
 protected:
     void SetUp() override {
-        machine_reset();
-        machine_boot_memory();
-        interrupt_init();
-        task_init();
+        boot_kernel();
         dmesg_init();
         machine_capture_texts();
-        system_ticks = 0;
     }
     void TearDown() override { system_ticks = 0; }
 };

@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <deque>
 
 #include "arch/x86/cpu.h"
 #include "arch/x86/tables.h"
 #include "kernel/core/kprintf.h"
+#include "tests/machine/input.h"
 #include "tests/machine/kernel.h"
 
 namespace {
@@ -26,23 +26,16 @@ void fill(registers_t* regs, uint32_t eip, uint32_t ebp) {
     regs->ebp = ebp;
 }
 
-/// A UART and a keyboard controller. Input arrives at the first pause, once the report is out.
-class input_ports : public port_device {
+/// Input arrives at the first pause, once the report is out.
+class late_input : public input_ports {
 public:
-    std::deque<uint8_t> serial, keys;
     bool arrived = false;
 
-    uint32_t read(uint16_t port, unsigned) override {
-        if (port == 0x3FD)
-            return 0x20u | (arrived && !serial.empty());
-        if (port == 0x64)
-            return arrived && !keys.empty();
-        std::deque<uint8_t>& from = port == 0x60 ? keys : serial;
-        const uint8_t byte = from.front();
-        from.pop_front();
-        return byte;
+    uint32_t read(uint16_t port, unsigned bytes) override {
+        if (!arrived && (port == 0x64 || port == 0x3FD))
+            return port == 0x64 ? 0 : 0x20;
+        return input_ports::read(port, bytes);
     }
-    void write(uint16_t, uint32_t, unsigned) override {}
 };
 
 class Surgeon : public ::testing::Test {
@@ -56,8 +49,7 @@ protected:
                 throw machine_halted();
             ports.arrived = true;
         };
-        machine_attach(0x60, 0x64, &ports);
-        machine_attach(0x3F8, 0x3FF, &ports);
+        ports.attach();
         map(task_current());
         fill(regs, 0x101234, 0);
     }
@@ -82,7 +74,7 @@ protected:
     }
     bool has(const std::string& text) { return shown.find(text) != std::string::npos; }
 
-    input_ports ports;
+    late_input ports;
     registers_t* regs = reinterpret_cast<registers_t*>(RAM + 0x100);
 };
 

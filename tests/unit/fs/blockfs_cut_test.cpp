@@ -7,48 +7,40 @@
 
 namespace {
 
-using files_t = std::map<std::string, std::optional<bytes_t>>;
+using content_t = std::optional<bytes_t>;  // none: no such file
+using files_t = std::map<std::string, content_t>;
 
-/// What may be found of a file whose writing was cut off.
-enum class outcome { prefix, old_or_new };
-
-bool is_prefix(const bytes_t& part, const std::optional<bytes_t>& whole) {
+bool is_prefix(const bytes_t& part, const content_t& whole) {
     return whole && part.size() <= whole->size() &&
            std::equal(part.begin(), part.end(), whole->begin());
 }
 
 class BlockFsCut : public Volume {
 protected:
-    files_t files;  ///< what the volume holds; none: no such file
+    enum class leaves { a_prefix, old_or_new };
+    files_t files;  ///< what the volume holds
     uint64_t cuts = 0;
 
-    /// Whether `now` may be what a cut left of a file that was `before` and is `after`.
-    static bool allowed(const std::optional<bytes_t>& now, const std::optional<bytes_t>& before,
-                        const std::optional<bytes_t>& after, outcome kind) {
-        if (now == before || now == after)
-            return true;
-        const bool changes = before != after && kind == outcome::prefix;
-        return changes && now && (is_prefix(*now, before) || is_prefix(*now, after));
+    static bool allowed(const content_t& now, const content_t& before, const content_t& after,
+                        leaves what) {
+        return now == before || now == after ||
+               (what == leaves::a_prefix && before != after && now &&
+                (is_prefix(*now, before) || is_prefix(*now, after)));
     }
-
-    static files_t present(const files_t& of) {
-        files_t now;
-        for (const auto& [path, data] : of)
-            if (blockfs_resolve(path.c_str()) < 0)
-                now[path] = std::nullopt;
-            else
-                now[path] = read(path.c_str());
+    files_t present() {
+        files_t now = files;
+        for (auto& [path, data] : now)
+            data = blockfs_resolve(path.c_str()) < 0 ? content_t() : read(path.c_str());
         return now;
     }
-
     void judge_mount() {
         ASSERT_EQ(mount(), 0) << machine_texts();
         ASSERT_EQ(machine_texts().find("ERROR"), std::string::npos) << machine_texts();
         ASSERT_EQ(faults(), "");
     }
-
     /// Cuts the power in what the mount itself writes.
-    void cut_repairs(const disk_image& broken) {
+    void cut_repairs() {
+        const disk_image broken = m.disk.image;
         m.disk.start_log();
         judge_mount();
         const write_log_t repairs = m.disk.writes;
@@ -58,13 +50,11 @@ protected:
             judge_mount();
         }
     }
-
     /// Does `action`, then looks at each `every`-th of its prefixes; the first and the last ones
     /// are always among them.
-    void step(const std::string& name, outcome kind, const std::function<void()>& action,
-              size_t every = 1) {
+    void step(leaves what, const std::function<void()>& action, size_t every = 1) {
         const disk_image image_before = m.disk.image;
-        const files_t before = files;
+        files_t before = files;
         m.disk.start_log();
         action();
         const write_log_t log = m.disk.writes;
@@ -74,51 +64,35 @@ protected:
                 continue;
             m.disk.image = image_before;
             m.disk.image.apply(log, cut);
-            cut_repairs(m.disk.image);
-            const files_t now = present(files);
+            cut_repairs();
+            const files_t now = present();
             for (const auto& [path, data] : files)
-                ASSERT_TRUE(allowed(now.at(path),
-                                    before.contains(path) ? before.at(path) : std::nullopt, data,
-                                    kind))
-                    << name << ": " << path << " after " << cut << " of " << log.size();
-            if (::testing::Test::HasFatalFailure())
+                ASSERT_TRUE(allowed(now.at(path), before[path], data, what))
+                    << path << " after " << cut << " of " << log.size();
+            if (HasFatalFailure())
                 return;
             ++cuts;
         }
         m.disk.image = image_after;
         ASSERT_EQ(mount(), 0);
-        ASSERT_EQ(present(files), files) << name;
+        ASSERT_EQ(present(), files);
     }
-
-    void write_step(const char* path, size_t size, size_t every = 1) {
-        step(
-            "write " + std::to_string(size), outcome::prefix,
-            [&] {
-                files[path] = file_bytes(size, static_cast<uint32_t>(size));
-                ASSERT_EQ(write(path, *files[path]), static_cast<int>(size));
-            },
-            every);
-    }
-
-    void append_step(const char* path, size_t size, size_t every = 1) {
-        step(
-            "append " + std::to_string(size), outcome::prefix,
-            [&] {
-                const bytes_t more = file_bytes(size, 77);
-                files[path]->insert(files[path]->end(), more.begin(), more.end());
-                ASSERT_EQ(append(path, more), static_cast<int>(size));
-            },
-            every);
-    }
-
-    void replace_step(const char* path, size_t size) {
-        step("replace " + std::to_string(size), outcome::old_or_new, [&] {
-            files[path] = file_bytes(size, 5 + static_cast<uint32_t>(size));
-            ASSERT_EQ(blockfs_replace_file(path, files[path]->data(), static_cast<uint32_t>(size)),
-                      0);
+    void write_step(const char* path, size_t size) {
+        SCOPED_TRACE("write " + std::to_string(size));
+        step(leaves::a_prefix, [&] {
+            files[path] = file_bytes(size, static_cast<uint32_t>(size));
+            ASSERT_EQ(write(path, *files[path]), static_cast<int>(size));
         });
     }
-
+    void append_step(const char* path, size_t size, size_t every = 1) {
+        SCOPED_TRACE("append " + std::to_string(size));
+        const auto action = [&] {
+            const bytes_t more = file_bytes(size, 77);
+            files[path]->insert(files[path]->end(), more.begin(), more.end());
+            ASSERT_EQ(append(path, more), static_cast<int>(size));
+        };
+        step(leaves::a_prefix, action, every);
+    }
     void start() {
         ASSERT_EQ(mount(), 0);
         blockfs_mkdir_p("/keep/deep");
@@ -157,7 +131,7 @@ TEST_F(BlockFsCut, FormatIsFinishedAtTheNextStart) {
 
 TEST_F(BlockFsCut, CreateWriteAndReplace) {
     start();
-    step("create", outcome::prefix, [&] {
+    step(leaves::a_prefix, [&] {
         files["/new"] = bytes_t{};
         ASSERT_GT(blockfs_create("/new", BLOCKFS_FILE), 0);
     });
@@ -165,7 +139,10 @@ TEST_F(BlockFsCut, CreateWriteAndReplace) {
          {1000u, 6144u, 6145u, 71680u, 71681u, 140000u, 700u, 400000u, 90000u, 0u})
         write_step("/new", size);
     for (const size_t size : {100u, 600u, 0u, 72000u, 6145u, 10u})
-        replace_step("/table", size);
+        step(leaves::old_or_new, [&] {
+            files["/table"] = file_bytes(size, 5 + size);
+            ASSERT_EQ(blockfs_replace_file("/table", files["/table"]->data(), size), 0);
+        });
     EXPECT_GT(cuts, 1600u);
 }
 
@@ -196,16 +173,16 @@ TEST_F(BlockFsCut, TruncateRenameAndRemove) {
     start();
     write_step("/f", 80000);
     for (const uint32_t size : {72000u, 6100u, 150000u, 0u, 3000u})
-        step("truncate", outcome::prefix, [&] {
+        step(leaves::a_prefix, [&] {
             ASSERT_EQ(blockfs_truncate("/f", size), 0);
             files["/f"]->resize(size);
         });
-    step("rename", outcome::old_or_new, [&] {
+    step(leaves::old_or_new, [&] {
         ASSERT_EQ(blockfs_rename("/f", "/keep/g"), 0);
         files["/keep/g"] = files["/f"];
         files["/f"] = std::nullopt;
     });
-    step("remove", outcome::old_or_new, [&] {
+    step(leaves::old_or_new, [&] {
         ASSERT_EQ(blockfs_remove("/keep/g"), 0);
         files["/keep/g"] = std::nullopt;
     });
@@ -214,7 +191,7 @@ TEST_F(BlockFsCut, TruncateRenameAndRemove) {
         files[path] = file_bytes(9000);
         write(path, *files[path]);
     }
-    step("remove tree", outcome::old_or_new, [&] {
+    step(leaves::old_or_new, [&] {
         ASSERT_EQ(blockfs_remove_recursive("/tree"), 0);
         for (const char* path : {"/tree/a/1", "/tree/a/2", "/tree/3"})
             files[path] = std::nullopt;
