@@ -215,8 +215,7 @@ TEST_F(Actors, EdgesKeepTheBusiestSenders) {
 
 TEST_F(Actors, NamesLeadAlongRoutes) {
     const int first = actor_register("svc", SYSTEM);
-    // Names are unique; so further targets of a route come by way of names that were free for a
-    // while.
+    // Names are unique: a route gets further ones by way of names that were free for a while.
     actor_route_t* route = const_cast<actor_route_t*>(actor_get_route(1));
     ASSERT_STREQ(route->name, "svc");
     std::vector<int> ids = {first};
@@ -329,29 +328,19 @@ TEST_F(Actors, MessagesOfOtherNodesLeaveProofs) {
     EXPECT_EQ(actor_remote_parent_latest("outbox", &proof), -1);
     EXPECT_EQ(proof.recv_event, causal_get_current());
 
-    std::vector<uint8_t> image;
-    const auto add = [&image](const void* bytes, size_t size) {
-        const auto* from = static_cast<const uint8_t*>(bytes);
-        image.insert(image.end(), from, from + size);
-    };
-    const auto add_text = [&image](const std::string& text, size_t size) {
-        image.insert(image.end(), text.begin(), text.end());
-        image.resize(image.size() + size - text.size());
-    };
     const uint32_t head[] = {NODE, 900, 0x22334455, 0x11, sent - 1, sent, proof.recv_event, 31};
     const uint32_t version = 4;
-    add(head, sizeof head);
-    add_text("inbox", 32);
-    add_text(desc(sent - 1), 80);
-    add_text(desc(sent), 80);
-    add_text("recv name=inbox type=7", 80);
-    add_text("actor", 16);
-    add_text("what happened there", 80);
-    add(hash, sizeof hash);
-    add(&version, sizeof version);
+    std::string image(reinterpret_cast<const char*>(head), sizeof head);
+    const std::pair<std::string, size_t> texts[] = {
+        {"inbox", 32}, {desc(sent - 1), 80},       {desc(sent), 80}, {"recv name=inbox type=7", 80},
+        {"actor", 16}, {"what happened there", 80}};
+    for (const auto& [text, size] : texts)
+        image += text + std::string(size - text.size(), '\0');
+    image.append(reinterpret_cast<const char*>(hash), sizeof hash);
+    image.append(reinterpret_cast<const char*>(&version), sizeof version);
     ASSERT_EQ(image.size(), 436u);
     uint8_t digest[32];
-    blake2s(digest, image.data(), static_cast<uint32_t>(image.size()));
+    blake2s(digest, reinterpret_cast<const uint8_t*>(image.data()), 436);
     EXPECT_EQ(memcmp(&proof.receipt_hash, digest, 4), 0);
 
     // Sixteen messages later the ring holds the last completed proof no more.
