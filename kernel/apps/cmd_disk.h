@@ -1,8 +1,9 @@
 // The commands about files on the disk (VoFS). Names are relative to disk_cwd; "." and ".." are
 // resolved in their text. Each error is one line that begins with the command's name; a command
 // with several names goes on with the next one. Without a volume every command says so in one
-// line. Contents pass through a heap buffer of 4 KiB and go to the console without being logged.
-// All run in the task of the shell that dispatched them, and may run in several tasks at once.
+// line. Contents pass through a heap buffer of 4 KiB (64 KiB where they are copied) and go to the
+// console without being logged. All run in the task of the shell that dispatched them, and may run
+// in several tasks at once.
 #pragma once
 
 #include <stddef.h>

@@ -11,6 +11,8 @@
 #include "kernel/core/sys_stat.h"
 
 constexpr uint32_t DISK_PIECE_BYTES = 4096;
+/// Of a copy: each piece costs the device a request for the data and a few for what points to them.
+constexpr uint32_t DISK_COPY_BYTES = 65536;
 
 /// An entry of the volume and where it is.
 struct disk_entry_t {
@@ -61,24 +63,27 @@ const char* disk_append_why(const char* path, int inode);
 /// Reads a number of bytes such as "512", "64K" or "8M".
 [[nodiscard]] bool disk_parse_size(const char* text, uint32_t* bytes);
 
-/// A file read in pieces of DISK_PIECE_BYTES at most. The file may change meanwhile: it then ends
-/// where the volume says; one that was removed or replaced is not read on.
+/// A file read in pieces. The file may change meanwhile: it then ends where the volume says; one
+/// that was removed or replaced is not read on.
 class disk_reader_t {
 public:
-    /// False after a line when there is no memory.
-    [[nodiscard]] bool open(const char* command, const disk_entry_t& entry);
+    /// Begins a file, with a buffer of `piece` bytes unless there is one already. False after a
+    /// line when there is no memory.
+    [[nodiscard]] bool open(const char* command, const disk_entry_t& entry,
+                            uint32_t piece = DISK_PIECE_BYTES);
 
     /// Reads on from `offset`.
     void seek(uint32_t offset) { offset_ = offset; }
 
     /// The next piece, of `most` bytes at most: its length, 0 at the end, -1 after a line when the
     /// disk fails or the file is gone.
-    [[nodiscard]] int next(uint32_t most = DISK_PIECE_BYTES);
+    [[nodiscard]] int next(uint32_t most = UINT32_MAX);
 
     const uint8_t* data() const { return buffer_.get(); }
 
 private:
     heap_ptr<uint8_t> buffer_;
+    uint32_t size_ = 0;
     const char* command_ = nullptr;
     const disk_entry_t* entry_ = nullptr;
     uint32_t offset_ = 0;

@@ -41,7 +41,7 @@ bool is_same(const char* command, const disk_entry_t& from, const target_t& to) 
 
 void copy_contents(const char* command, const disk_entry_t& from, int inode, const char* path) {
     disk_reader_t reader;
-    if (!reader.open(command, from))
+    if (!reader.open(command, from, DISK_COPY_BYTES))
         return;
     int got = 0;
     uint32_t done = 0;

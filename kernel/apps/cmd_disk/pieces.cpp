@@ -26,19 +26,21 @@ const char* disk_append_why(const char* path, int inode) {
     return full ? "the file has the largest size there is" : disk_why(path);
 }
 
-bool disk_reader_t::open(const char* command, const disk_entry_t& entry) {
+bool disk_reader_t::open(const char* command, const disk_entry_t& entry, uint32_t piece) {
     command_ = command;
     entry_ = &entry;
     offset_ = 0;
-    if (!buffer_)
-        buffer_ = heap_ptr<uint8_t>::make(DISK_PIECE_BYTES);
+    if (!buffer_) {
+        buffer_ = heap_ptr<uint8_t>::make(piece);
+        size_ = piece;
+    }
     if (!buffer_)
         disk_complain(command, entry.path, "no memory");
     return static_cast<bool>(buffer_);
 }
 
 int disk_reader_t::next(uint32_t most) {
-    const uint32_t length = most < DISK_PIECE_BYTES ? most : DISK_PIECE_BYTES;
+    const uint32_t length = most < size_ ? most : size_;
     if (!names_still(entry_->path, static_cast<int>(entry_->stat.inode))) {
         disk_complain(command_, entry_->path, CHANGED);
         return -1;

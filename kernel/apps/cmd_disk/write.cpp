@@ -51,7 +51,7 @@ int open_file(const char* command, const char* name, char path[SHELL_PATH_BYTES]
 void fill(uint8_t* buffer, const char* text, uint32_t offset) {
     const auto length = static_cast<uint32_t>(strlen(text));
     uint32_t at = offset % length;
-    for (uint32_t i = 0; i < DISK_PIECE_BYTES; ++i) {
+    for (uint32_t i = 0; i < DISK_COPY_BYTES; ++i) {
         buffer[i] = static_cast<uint8_t>(text[at]);
         at = at + 1 == length ? 0 : at + 1;
     }
@@ -62,7 +62,7 @@ uint32_t append_filling(const char* path, int inode, uint8_t* buffer, const char
                         uint32_t bytes) {
     uint32_t done = 0;
     while (done < bytes) {
-        const uint32_t piece = bytes - done < DISK_PIECE_BYTES ? bytes - done : DISK_PIECE_BYTES;
+        const uint32_t piece = bytes - done < DISK_COPY_BYTES ? bytes - done : DISK_COPY_BYTES;
         fill(buffer, text, done);
         const uint32_t stored = disk_append(path, inode, buffer, piece);
         if (stored == 0)
@@ -73,7 +73,7 @@ uint32_t append_filling(const char* path, int inode, uint8_t* buffer, const char
 }
 
 void fill_file(const char* command, const char* name, uint32_t bytes, const char* text) {
-    const heap_ptr<uint8_t> buffer = heap_ptr<uint8_t>::make(DISK_PIECE_BYTES);
+    const heap_ptr<uint8_t> buffer = heap_ptr<uint8_t>::make(DISK_COPY_BYTES);
     if (!buffer) {
         disk_complain(command, name, "no memory");
         return;

@@ -9,6 +9,9 @@
 namespace {
 
 constexpr int DEPTH_MAX = 16;  // of a directory that cp -r copies
+/// Each piece is an event, and on the disk a request for the data and a few for what points to
+/// them.
+constexpr uint32_t COPY_BYTES = 65536;
 
 /// A copy under way. The paths are extended and cut back on the way through a tree.
 struct copy_t {
@@ -22,11 +25,11 @@ struct copy_t {
 };
 
 int copy_contents(const overlay_file_t& from, const overlay_file_t& to) {
-    const auto piece = heap_ptr<uint8_t>::make(FILE_PIECE_BYTES);
+    const auto piece = heap_ptr<uint8_t>::make(COPY_BYTES);
     if (!piece)
         return OVERLAY_NO_MEMORY;
     for (uint32_t at = 0;;) {
-        const int count = overlay_read(&from, piece.get(), at, FILE_PIECE_BYTES);
+        const int count = overlay_read(&from, piece.get(), at, COPY_BYTES);
         if (count <= 0)
             return count;
         const auto length = static_cast<uint32_t>(count);

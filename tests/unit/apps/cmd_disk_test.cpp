@@ -193,7 +193,7 @@ TEST_F(CmdDisk, SayWhatIsWrongInOneLine) {
 }
 
 TEST_F(CmdDisk, ACopyLeavesTheFileAloneThatGetsItsInodeMeanwhile) {
-    put("/from", std::string(10000, 'x'));
+    put("/from", std::string(70000, 'x'));
     blockfs_set_change_hook([](int op, const char*, const void*, uint32_t) {
         if (op != BLOCKFS_OP_APPEND)
             return;
@@ -202,7 +202,7 @@ TEST_F(CmdDisk, ACopyLeavesTheFileAloneThatGetsItsInodeMeanwhile) {
         put("/other", "mine");
     });
     EXPECT_EQ(run("diskcp from to"),
-              "diskcp: /to: 4096 of 10000 bytes written: changed by another task meanwhile\n");
+              "diskcp: /to: 65536 of 70000 bytes written: changed by another task meanwhile\n");
     EXPECT_EQ(get("/other"), "mine");
 }
 
