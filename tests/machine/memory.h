@@ -2,6 +2,7 @@
 // the kernel takes for identity-mapped memory is; touching what the machine does not have faults.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <stdint.h>
 
 #include <string>

@@ -1,9 +1,5 @@
 #include "kernel/apps/cmd_system.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "kernel/apps/shell.h"
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/dmesg.h"

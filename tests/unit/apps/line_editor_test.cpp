@@ -29,17 +29,9 @@ protected:
 
 TEST_F(LineEditor, EditsWithinTheLine) {
     const std::pair<const char*, const char*> cases[] = {
-        {"ac\x82"
-         "b",
-         "ab|c"},
-        {"\x82\x83\x86\b", "|"},
-        {"abc\x83\x86", "abc|"},
-        {"abc\b", "ab|"},
-        {"abc\x84\b\x82", "|abc"},
-        {"abc\x84\x86", "|bc"},
-        {"abc\x82\b", "a|c"},
-        {"abc\x84\x85", "abc|"},
-        {"a\x7f\t\x1b\x87\x88\x89\xff", "a|"},
+        {"ac\x82\x62", "ab|c"}, {"\x82\x83\x86\b", "|"},   {"abc\x83\x86", "abc|"},
+        {"abc\b", "ab|"},       {"abc\x84\b\x82", "|abc"}, {"abc\x84\x86", "|bc"},
+        {"abc\x82\b", "a|c"},   {"abc\x84\x85", "abc|"},   {"a\x7f\t\x1b\x87\x88\x89\xff", "a|"},
     };
     for (const auto& [keys, expected] : cases) {
         line_editor_start(&editor);

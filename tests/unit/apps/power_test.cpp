@@ -1,7 +1,5 @@
 #include "kernel/apps/power.h"
 
-#include <gtest/gtest.h>
-
 #include "kernel/drivers/kbpoll.h"
 #include "kernel/drivers/keyboard.h"
 #include "tests/machine/input.h"

@@ -1,7 +1,5 @@
 #include "kernel/apps/shell.h"
 
-#include <gtest/gtest.h>
-
 #include "kernel/drivers/console.h"
 #include "kernel/drivers/dmesg.h"
 #include "kernel/fs/ramfs.h"

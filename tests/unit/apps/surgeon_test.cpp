@@ -1,7 +1,5 @@
 #include "kernel/apps/surgeon.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 
 #include "arch/x86/cpu.h"

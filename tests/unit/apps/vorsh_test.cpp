@@ -55,10 +55,11 @@ TEST_F(Vorsh, WordsVariablesAndQuotes) {
 
 TEST_F(Vorsh, ComputesWithinBounds) {
     const auto expr = [](const std::string& words) { return run("expr x " + words + "\necho $x"); };
-    EXPECT_EQ(expr("2 + 3 * 4 - 10 / 3 % 2"), "13\n");
-    EXPECT_EQ(expr("-7 / 2 * -1"), "3\n");
-    EXPECT_EQ(expr("2147483647 - 1 + 1"), "2147483647\n");
-    EXPECT_EQ(expr("0 - 2147483647"), "-2147483647\n");
+    for (const auto& [words, result] : {std::pair{"2 + 3 * 4 - 10 / 3 % 2", "13\n"},
+                                        {"-7 / 2 * -1", "3\n"},
+                                        {"2147483647 - 1 + 1", "2147483647\n"},
+                                        {"0 - 2147483647", "-2147483647\n"}})
+        EXPECT_EQ(expr(words), result);
     const std::string bad[][2] = {
         {"1 / 0", "division by zero"},
         {"1 % 0", "division by zero"},

@@ -1,7 +1,5 @@
 #include "kernel/core/interrupt.h"
 
-#include <gtest/gtest.h>
-
 #include "arch/x86/cpu.h"
 #include "arch/x86/lapic.h"
 #include "arch/x86/ports.h"

@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 
 #include "tests/machine/memory.h"
 #include "tests/unit/core/noise_vectors.h"

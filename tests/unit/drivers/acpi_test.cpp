@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <map>
-#include <vector>
 
 #include "kernel/core/interrupt.h"
 #include "kernel/drivers/reset_chord.h"
@@ -84,13 +84,10 @@ acpi_button_t find() {
 
 TEST(Acpi, FindsTheButtonThroughItsTables) {
     make_tables();
-    const acpi_button_t button = find();
-    EXPECT_EQ(button.status_port, 0x600);
-    EXPECT_EQ(button.enable_port, 0x602);
-    EXPECT_EQ(button.control_port, 0x604);
-    EXPECT_EQ(button.command_port, 0xB2);
-    EXPECT_EQ(button.enable_command, 0xF1);
-    EXPECT_EQ(button.line, 9);
+    const acpi_button_t b = find();
+    EXPECT_EQ((std::array<int, 6>{b.status_port, b.enable_port, b.control_port, b.command_port,
+                                  b.enable_command, b.line}),
+              (std::array<int, 6>{0x600, 0x602, 0x604, 0xB2, 0xF1, 9}));
     // The pointer may stand in the extended BIOS data area, too.
     bytes_t& bios = memory[BIOS];
     std::copy_n(bios.begin() + 0x152F0, 20, memory[EBDA].begin() + 1024 - 32);

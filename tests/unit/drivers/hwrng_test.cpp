@@ -1,7 +1,5 @@
 #include "kernel/drivers/hwrng.h"
 
-#include <gtest/gtest.h>
-
 #include <set>
 
 #include "kernel/core/interrupt.h"

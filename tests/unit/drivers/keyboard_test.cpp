@@ -1,7 +1,5 @@
 #include "kernel/drivers/keyboard.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/machine/input.h"
 #include "tests/machine/kernel.h"
 

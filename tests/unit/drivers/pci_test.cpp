@@ -1,7 +1,5 @@
 #include "kernel/drivers/pci.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/machine/memory.h"
 #include "tests/machine/pci_bus.h"
 

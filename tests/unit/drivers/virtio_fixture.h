@@ -1,8 +1,6 @@
 // A machine with memory, an event store and a PCI bus for one virtio device.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include "tests/machine/kernel.h"
 #include "tests/machine/pci_bus.h"
 #include "tests/machine/virtio_model.h"

@@ -1,8 +1,6 @@
 // A machine with a disk that VoFS stands on, and what its tests ask of a volume.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <map>
 
 #include "kernel/fs/blockfs.h"

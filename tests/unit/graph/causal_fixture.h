@@ -1,8 +1,6 @@
 // A fresh event store for a test, with what the kernel prints kept in `screen`.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include "kernel/core/record.h"
 #include "tests/machine/kernel.h"
 

@@ -63,10 +63,9 @@ TEST_F(CausalPersist, TheNewestEventsComeBackWithTheirTimes) {
     EXPECT_STREQ(events[0]->desc, "[R] n189");
     const causal_event_t& ev = *events[511];
     EXPECT_STREQ(ev.desc, ("[R] " + desc.substr(0, 75)).c_str());
-    EXPECT_EQ(ev.time.lamport, 5001u);
-    EXPECT_EQ(ev.time.wall_ticks, 77u);
-    EXPECT_EQ(ev.time.tsc_lo, tsc);
-    EXPECT_EQ(ev.node_hash, 0xABCDu);
+    EXPECT_EQ((std::array<uint64_t, 4>{ev.time.lamport, ev.time.wall_ticks, ev.time.tsc_lo,
+                                       ev.node_hash}),
+              (std::array<uint64_t, 4>{5001, 77, tsc, 0xABCD}));
 }
 
 TEST_F(CausalPersist, ADamagedSnapshotIsRefusedWhole) {

@@ -4,8 +4,6 @@
 #include <map>
 #include <random>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "tests/unit/graph/causal_fixture.h"
 

@@ -1,9 +1,7 @@
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
 #include <random>
-#include <vector>
 
 #include "kernel/core/string.h"
 #include "tests/machine/kernel.h"

@@ -2,8 +2,6 @@
 // counters, the lock and the interrupt flag are checked against each other.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 
 #include "arch/x86/lapic.h"

@@ -186,6 +186,7 @@ TEST_F(SchedPass, FurtherProcessorsRunWhatIsTheirsAndIdleOtherwise) {
     EXPECT_EQ(causal_total_events(), before);
     EXPECT_NE(machine_texts().find("Stack overflow in 'pinned'"), std::string::npos);
     EXPECT_EQ(task_cpu_switches(1), 2u);
+    EXPECT_EQ(task_cpu_current_pid(16), -1);
     this_cpu = 0;
 }
 
