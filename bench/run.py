@@ -2,8 +2,10 @@
 """Prints the guest's figures: one line each, median (min..max), beside a peer or limit.
 
 Paths on the processor are counted in instructions (QEMU's -icount with one instruction a count);
-devices and boot are timed under plain emulation, as ratios within one run.
+devices and boot are timed under plain emulation, as ratios within one run. With --sustain nothing
+of this is measured: a load on the journal shows whether it keeps up.
 """
+import argparse
 import json
 import os
 import pathlib
@@ -71,6 +73,7 @@ DISK_SHARES = {
 # The device syncs every write in the first mode and none in the second.
 CACHE_MODES = ("writeback", "unsafe")
 DISK_BYTES = 64 << 20
+RING_EVENTS = 16384
 TIMED_PEERS = {"console-character": ("port-read-and-cell", 3.0)}
 
 
@@ -79,14 +82,25 @@ def qemu(image, *extra):
             "-m", "128", "-display", "none", "-no-reboot", *extra]
 
 
-def guest_figures(*extra):
-    """Boots the measuring image and returns {name: (median, min, max)}."""
+def disk(path, cache):
+    return ("-drive", f"file={path},format=raw,if=none,id=disk0,cache={cache}",
+            "-device", "virtio-blk-pci,drive=disk0,disable-modern=on")
+
+
+def guest_text(*extra, timeout=120):
+    """Boots the measuring image and returns what it printed."""
     command = qemu(BENCH_IMAGE, "-nic", "none", "-serial", "null", "-serial", "stdio", *extra)
-    run = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=120,
+    run = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout,
                          check=False)
     text = run.stdout.decode("latin-1")
     if "bench done" not in text or "bench failed" in text:
         sys.exit(f"bench: the measuring image did not finish:\n{text[-2000:]}")
+    return text
+
+
+def guest_figures(*extra):
+    """Its figures as {name: (median, min, max)}."""
+    text = guest_text(*extra)
     lines = re.findall(r"^bench (\S+) (\d+) (\d+) (\d+)", text, re.MULTILINE)
     return {name: tuple(map(int, rest)) for name, *rest in lines}
 
@@ -154,16 +168,15 @@ def print_audit(image):
     costs = []
     for _ in range(10):
         start = time.perf_counter()
-        run = subprocess.run([AUDITOR, image, "--json"], capture_output=True, check=False)
+        report = audit(image)
         costs.append(time.perf_counter() - start)
-    report = json.loads(run.stdout)
     if report["verdict"] != "SOUND":
         sys.exit(f"bench: the measured journal is {report['verdict']}")
     events, costs = report["events"], sorted(costs[1:])
     peer = subprocess.run([JOURNAL_PEER, str(events)], capture_output=True, text=True,
                           check=False).stdout.strip()
     note = f"{float(peer) / costs[4]:.1f}x of journalctl --verify, sealed, aim 3x" if peer else \
-        "no sealed journal of the host to measure beside"
+        "no journalctl beside it: that takes root, systemd and a namespace of its own"
     figure = tuple(f"{events / costs[i]:.0f}" for i in (4, 8, 0))
     print_line("audit", figure, "events/s", f"{events} events; {note}")
 
@@ -172,9 +185,7 @@ def print_storage():
     with tempfile.NamedTemporaryFile(dir=ROOT / "build", suffix=".img") as image:
         image.truncate(DISK_BYTES)
         for cache in CACHE_MODES:
-            figures = guest_figures(
-                "-drive", f"file={image.name},format=raw,if=none,id=disk0,cache={cache}",
-                "-device", "virtio-blk-pci,drive=disk0,disable-modern=on")
+            figures = guest_figures(*disk(image.name, cache))
             second = figures["second"][0]
             medians = {}
             for name, (unit, amount) in RATES.items():
@@ -191,6 +202,28 @@ def print_storage():
                 print_line(name, tuple(f"{rate:.{digits}f}" for rate in figure), unit,
                            f"cache={cache}; {note}")
         print_audit(image.name)
+
+
+def audit(image):
+    """The auditor's report."""
+    run = subprocess.run([AUDITOR, image, "--json"], capture_output=True, check=False)
+    return json.loads(run.stdout)
+
+
+def sustain(rate, seconds, cache):
+    """The journal under a load: exit status 1 when an event was lost."""
+    with tempfile.NamedTemporaryFile(dir=ROOT / "build", suffix=".img") as image:
+        image.truncate(DISK_BYTES)
+        text = guest_text(*disk(image.name, cache), "-append", f"rate={rate} seconds={seconds}",
+                          timeout=4 * seconds + 120)
+        verdict = audit(image.name)["verdict"]
+    line = re.search(r"^bench sustained (\d+) (\d+) (\d+) (\d+)", text, re.MULTILINE)
+    events, lost, waiting, tenths = map(int, line.groups())
+    taken = tenths / 10
+    print_line("journal-sustained", (f"{events / taken:.0f}",) * 3, "events/s",
+               f"cache={cache}; {events} events in {taken:.0f} s, {lost} lost, at most {waiting} "
+               f"waited of {RING_EVENTS}; the journal is {verdict}")
+    return 0 if lost == 0 and verdict == "SOUND" else 1
 
 
 class Guest:
@@ -266,9 +299,24 @@ def print_idle():
                "aim under 5; the six keys that ask are among them")
 
 
+def parse_arguments():
+    parser = argparse.ArgumentParser(
+        prog="./vorn bench", description="Prints the system's figures, one a line.")
+    parser.add_argument("--sustain", type=int, metavar="RATE",
+                        help="only: put this many events a second on the journal; exit status 1 "
+                             "when one is lost")
+    parser.add_argument("--seconds", type=int, default=180, help="for so long (180)")
+    parser.add_argument("--cache", choices=CACHE_MODES, default=CACHE_MODES[0],
+                        help="on a disk of this mode (writeback: every write is synced)")
+    return parser.parse_args()
+
+
 def main():
+    arguments = parse_arguments()
     if not BENCH_IMAGE.exists():
-        sys.exit("bench: build/vorn-bench.elf is missing; ./vorn build makes it")
+        sys.exit("bench: build/vorn-bench.elf is missing; ./vorn bench makes it")
+    if arguments.sustain:
+        sys.exit(sustain(arguments.sustain, arguments.seconds, arguments.cache))
     print_guest()
     print_storage()
     print_boot()

@@ -1,8 +1,8 @@
 // The measuring image: the kernel's own objects under a start-up that times them. Each line reads
 // "bench NAME MEDIAN MIN MAX" in time-stamp counts for one operation; bench/run.py boots it twice,
 // once counting instructions (one count each) and once in plain time for what the devices cost.
-// With a disk it measures the storage instead. The lines go out on the second serial port: the
-// first one belongs to the console under test.
+// With a disk it measures the storage instead, or the journal under a load (sustain.cpp). The lines
+// go out on the second serial port: the first one belongs to the console under test.
 #include "kernel/core/main.h"
 #include "arch/x86/hal.h"
 #include "arch/x86/ports.h"
@@ -155,6 +155,7 @@ void measure_processor() {
 }  // namespace
 
 void kernel_main(uint32_t, multiboot_info_t* info) {
+    const sustained_t sustained = sustained_load_wanted(info);
     console_init();
     kprintf_set_console(put_on_second_port);
     gdt_init();
@@ -168,10 +169,12 @@ void kernel_main(uint32_t, multiboot_info_t* info) {
     tss_init();
     task_init();
     pci_init();
-    if (blk_init() == 0)
-        measure_storage();
-    else
+    if (blk_init() != 0)
         measure_processor();
+    else if (sustained.rate != 0)
+        measure_sustained(sustained);
+    else
+        measure_storage();
     kprintf("bench done\n");
     hal_shutdown();
 }

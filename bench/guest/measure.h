@@ -10,6 +10,7 @@
 
 #include "arch/x86/cpu.h"
 #include "kernel/core/kprintf.h"
+#include "kernel/core/multiboot.h"
 
 constexpr size_t RUNS = 9;
 
@@ -54,6 +55,20 @@ constexpr uint32_t MEASURE_SECTORS = 128;  // 64 KB
 /// Measures the journal on a new volume and leaves a sealed one; `data` is MEASURE_SECTORS sectors
 /// that are no superblock.
 void measure_journal(const uint8_t* data);
+
+/// Time-stamp counts of a second, by the timer's channel 2, which needs no interrupt.
+uint64_t counts_a_second();
+
+/// A load on the journal: events a second, and for how long.
+struct sustained_t {
+    uint32_t rate, seconds;
+};
+
+/// The load that the command line asks for; a rate of 0 without one. Before memory is handed out.
+sustained_t sustained_load_wanted(const multiboot_info_t* info);
+
+/// Puts that load on a journal on a new volume, and leaves it sealed.
+void measure_sustained(const sustained_t& wanted);
 
 /// Measures the filesystem on the same disk; `second` is the time-stamp counts of a second.
 void measure_vofs(uint64_t second);

@@ -12,22 +12,6 @@ constexpr uint32_t SMALL = 1;
 constexpr uint32_t LARGE = MEASURE_SECTORS;
 constexpr uint32_t REQUESTS = 64;
 
-/// Counts of a second, by the timer's channel 2, which needs no interrupt.
-uint64_t counts_a_second() {
-    constexpr uint16_t TIMER_CHANNEL_2 = 0x42, TIMER_COMMAND = 0x43, SPEAKER = 0x61;
-    constexpr uint8_t ONE_SHOT = 0xB0, GATE = 0x01, SPEAKER_ON = 0x02, OUTPUT = 0x20;
-    constexpr uint32_t TIMER_HZ = 1193182, SPAN = 0xFFFF;
-    const auto quiet = static_cast<uint8_t>(inb(SPEAKER) & ~(SPEAKER_ON | GATE));
-    outb(SPEAKER, quiet | GATE);
-    outb(TIMER_COMMAND, ONE_SHOT);
-    outb(TIMER_CHANNEL_2, SPAN & 0xFF);
-    outb(TIMER_CHANNEL_2, SPAN >> 8);
-    const uint64_t start = cpu_rdtsc();
-    while ((inb(SPEAKER) & OUTPUT) == 0) {
-    }
-    return (cpu_rdtsc() - start) * TIMER_HZ / SPAN;
-}
-
 /// Requests of `count` sectors, each behind the one before.
 void measure_requests(const char* write_name, const char* read_name, uint8_t* data,
                       uint32_t count) {
@@ -42,6 +26,21 @@ void measure_requests(const char* write_name, const char* read_name, uint8_t* da
 }
 
 }  // namespace
+
+uint64_t counts_a_second() {
+    constexpr uint16_t TIMER_CHANNEL_2 = 0x42, TIMER_COMMAND = 0x43, SPEAKER = 0x61;
+    constexpr uint8_t ONE_SHOT = 0xB0, GATE = 0x01, SPEAKER_ON = 0x02, OUTPUT = 0x20;
+    constexpr uint32_t TIMER_HZ = 1193182, SPAN = 0xFFFF;
+    const auto quiet = static_cast<uint8_t>(inb(SPEAKER) & ~(SPEAKER_ON | GATE));
+    outb(SPEAKER, quiet | GATE);
+    outb(TIMER_COMMAND, ONE_SHOT);
+    outb(TIMER_CHANNEL_2, SPAN & 0xFF);
+    outb(TIMER_CHANNEL_2, SPAN >> 8);
+    const uint64_t start = cpu_rdtsc();
+    while ((inb(SPEAKER) & OUTPUT) == 0) {
+    }
+    return (cpu_rdtsc() - start) * TIMER_HZ / SPAN;
+}
 
 void measure_storage() {
     const uint64_t second = counts_a_second();

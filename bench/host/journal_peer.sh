@@ -17,7 +17,11 @@ printf '[Journal]\nStorage=persistent\nSeal=yes\nRateLimitBurst=0\nRateLimitInte
 key=$(journalctl --setup-keys --interval=15min --force 2>/dev/null | tail -n 1)
 $journald >/dev/null 2>&1 &
 daemon=$!
-until [ -S /run/systemd/journal/socket ]; do sleep 0.1; done
+for _ in $(seq 100); do
+    [ ! -S /run/systemd/journal/socket ] || break
+    sleep 0.1
+done
+[ -S /run/systemd/journal/socket ] || { kill $daemon; exit 0; }
 touch /run/systemd/journal/flushed
 kill -USR1 $daemon
 /usr/bin/python3 - "$entries" <<'PYTHON'
