@@ -154,6 +154,14 @@ cjournal_entry_t* cjournal_find_entry_locked(uint32_t segment) {
     return nullptr;
 }
 
+void cjournal_remove_entry_locked(cjournal_entry_t* entry) {
+    const uint32_t events = entry->event_count;
+    const cjournal_entry_t* end = &cjournal.index[cjournal.index_count--];
+    memmove(entry, entry + 1, static_cast<size_t>(end - entry - 1) * sizeof *entry);
+    cjournal.index[cjournal.index_count] = {};
+    cjournal.events_spilled -= events < cjournal.events_spilled ? events : cjournal.events_spilled;
+}
+
 cjournal_index_entry_t cjournal_saved_entry(const cjournal_entry_t& entry) {
     return {entry.segment_num,
             entry.first_id,

@@ -55,6 +55,9 @@ using cjournal_records_t = heap_ptr<cjournal_event_t>;
 [[nodiscard]] cjournal_entry_t* cjournal_find_entry_locked(uint32_t segment)
     REQUIRES(cjournal_lock);
 
+/// Takes an entry out of the index; events_spilled follows.
+void cjournal_remove_entry_locked(cjournal_entry_t* entry) REQUIRES(cjournal_lock);
+
 // --- read ----------------------------------------------------------------------------------------
 
 /// blockfs_read_file, up to 8 times until it gives exactly `len` bytes; the last result.

@@ -72,17 +72,11 @@ bool write_alone_locked(uint32_t event, cjournal_draft_t* draft) REQUIRES(cjourn
     return write_segment_locked(cjournal.segments_written + 1, draft, 0) == 0;
 }
 
-void remove_entry_locked(int32_t at) REQUIRES(cjournal_lock) {
-    const uint32_t events = cjournal.index[at].event_count;
-    cjournal.index_count--;
-    memmove(&cjournal.index[at], &cjournal.index[at + 1],
-            static_cast<size_t>(cjournal.index_count - at) * sizeof cjournal.index[0]);
-    cjournal.index[cjournal.index_count] = {};
-    cjournal.events_spilled -= events < cjournal.events_spilled ? events : cjournal.events_spilled;
-}
-
-void put_back_locked(const cjournal_entry_t& entry) REQUIRES(cjournal_lock) {
-    cjournal.index[cjournal.index_count++] = entry;
+void put_back_locked(int32_t at, const cjournal_entry_t& entry) REQUIRES(cjournal_lock) {
+    memmove(&cjournal.index[at + 1], &cjournal.index[at],
+            static_cast<size_t>(cjournal.index_count - at) * sizeof entry);
+    cjournal.index[at] = entry;
+    cjournal.index_count++;
     cjournal.events_spilled += entry.event_count;
 }
 
@@ -140,9 +134,9 @@ bool delete_oldest_segment_locked() {
         if (!write_alone_locked(event, account.get()))
             return false;
     }
-    remove_entry_locked(at);
+    cjournal_remove_entry_locked(&cjournal.index[at]);
     if (!remove_evicted_locked(entry.segment_num)) {
-        put_back_locked(entry);
+        put_back_locked(at, entry);
         if (account)
             cjournal_remove_segment_locked(next);
         return false;

@@ -3,7 +3,6 @@
 // so the records of a segment are consecutive and lie in the range that its header gives. An event
 // that names lost ones is spilled alone, ahead of the rest, before the segment behind the gap: a
 // machine that is killed leaves no gap that the journal does not account for.
-#include "kernel/core/assert.h"
 #include "kernel/core/guards.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/liveness.h"
@@ -112,13 +111,13 @@ before_t begin_locked() REQUIRES(cjournal_lock) {
     return {cjournal.segments_written, cjournal.last_spilled_id, cjournal_writer.account};
 }
 
-/// Takes the newest segment back; the number of events that the regular spill has to write again.
+/// Takes back what the newest segment, whose files are gone, changed; the number of events that the
+/// regular spill has to write again.
 uint32_t take_back_locked(const before_t& before) REQUIRES(cjournal_lock) {
-    const cjournal_entry_t gone = cjournal.index[--cjournal.index_count];
-    KASSERT(gone.segment_num == cjournal.segments_written);
-    cjournal.index[cjournal.index_count] = {};
+    cjournal_entry_t* newest = cjournal_find_entry_locked(cjournal.segments_written);
+    const cjournal_entry_t gone = *newest;
+    cjournal_remove_entry_locked(newest);
     cjournal.segments_written--;
-    cjournal.events_spilled -= gone.event_count;
     cjournal_writer.account = before.account;
     cjournal_writer.lost_through = 0;  // what was named may have gone with it
     if (gone.last_id > cjournal.last_spilled_id)
@@ -134,12 +133,14 @@ uint32_t take_back_locked(const before_t& before) REQUIRES(cjournal_lock) {
 }
 
 /// Saves the index with what was written since; the number of events that had to be taken back,
-/// newest first, because a full volume had no room left for it.
+/// newest first, because a full volume had no room left for it. What was evicted meanwhile cannot
+/// be.
 uint32_t save_written_locked(const before_t& before) REQUIRES(cjournal_lock) {
     uint32_t taken = 0;
     while (save_index_file_locked() != 0) {
-        if (cjournal.segments_written == before.segments_written ||
-            !cjournal_remove_segment_locked(cjournal.segments_written))
+        const uint32_t newest = cjournal.segments_written;
+        if (newest == before.segments_written || cjournal_find_entry_locked(newest) == nullptr ||
+            !cjournal_remove_segment_locked(newest))
             return taken;
         taken += take_back_locked(before);
     }

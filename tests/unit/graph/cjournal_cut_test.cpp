@@ -1,5 +1,8 @@
 // The power fails at any sector write of what the journal does, requests and allocations fail one
 // after the other: what is on disk afterwards is a sound journal, and it goes on.
+#include <iostream>
+#include <random>
+
 #include "kernel/graph/causal_persist.h"
 #include "kernel/graph/cjournal/internal.h"
 #include "tests/unit/graph/journal.h"
@@ -142,6 +145,36 @@ TEST_F(JournalCut, AnImportHappensWhollyOrNotAtAll) {
             EXPECT_TRUE(again == 3 || (again == 0 && exists(CJOURNAL_MIGRATED_PATH))) << again;
             EXPECT_EQ(judge().size(), 4u);
         });
+}
+
+/// Boots that record more than the journal can write, spill in every way, and lose power.
+TEST_F(JournalCut, WhateverHappensAndWheneverThePowerFails) {
+    const uint32_t seed = std::random_device()();
+    std::mt19937 chance(seed);
+    std::cout << "seed " << seed << "\n";
+    const auto upto = [&](uint32_t most) { return chance() % (most + 1); };
+    for (int round = 0; round < 60 && !HasFailure(); round++) {
+        const uint32_t burst = upto(1) != 0 ? upto(2000) : upto(3);
+        m.disk.during_request = [&] {
+            for (uint32_t i = upto(burst); i > 0; i--)
+                causal_event_fmt(CAUSAL_USER, "test", "event %u", causal_get_next_id());
+        };
+        m.disk.cut_power_after(upto(1500));
+        for (uint32_t works = upto(9); works > 0; works--) {
+            wait_for(upto(3) == 0 ? 2000 : 30);
+            if (upto(3) == 0)
+                cjournal_spill_through(causal_total_events() - upto(20));
+            if (upto(4) == 0)
+                cjournal_set_retention(1 + upto(8), 0);
+            if (upto(9) == 0)
+                causal_flush();
+            cjournal_spill(static_cast<int>(upto(1) != 0 ? upto(30) : upto(1200)));
+        }
+        m.disk.during_request = nullptr;
+        m.disk.power_on();
+        boot(true);
+        judge();
+    }
 }
 
 TEST_F(JournalCut, WhatIsLeftWithoutAnIndexIsCompletedOrRemoved) {
