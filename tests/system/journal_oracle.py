@@ -269,11 +269,12 @@ def check_row(row):
         """Events from `first` on, before `end`, are alone elsewhere or named."""
         edges = [first - 1, *sorted(n for n in alone if first <= n < end), end]
         for before, after in zip(edges, edges[1:]):
-            require(before + 1 == after or
-                    any(a <= before + 1 and after - 1 <= b for a, b in lost), "missing events")
+            for a, b in sorted(lost):
+                before = b if a <= before + 1 <= b else before
+            require(before + 1 >= after, "missing events")
 
-    begun = bool(row) and row[0].number == 1  # the regular row; before it, single ones may stand
-    starts, front, last = {1}, None, None
+    begun = False  # the regular row; before it, single ones may stand
+    starts, front, last = set(), 1 if row and row[0].number == 1 else None, None
     for one in row:
         if last and one.number != last.number + 1:
             require(not begun or gone.issuperset(range(last.number + 1, one.number)), "missing")

@@ -66,10 +66,17 @@ struct accounts_t {
     std::vector<range_t> lost;   ///< events that the ring lost before they could be written
     std::set<uint32_t> evicted;  ///< segments
 
-    bool covers(uint32_t first, uint32_t last) const {
-        return std::any_of(lost.begin(), lost.end(), [first, last](const range_t& range) {
-            return range.first <= first && last <= range.last;
-        });
+    /// One after the other, if need be.
+    bool covers(uint64_t first, uint32_t last) const {
+        while (first <= last) {
+            const auto next = std::ranges::find_if(lost, [first](const range_t& range) {
+                return range.first <= first && first <= range.last;
+            });
+            if (next == lost.end())
+                return false;
+            first = uint64_t{next->last} + 1;
+        }
+        return true;
     }
 };
 
@@ -90,11 +97,7 @@ public:
     row_t(const accounts_t& accounts, audit_t* audit) : accounts_(accounts), audit_(audit) {}
 
     /// A journal that still has its first segment has its first event.
-    void begin(uint32_t first_number) {
-        begun_ = first_number == 1;
-        if (begun_)
-            next_ids_ = {1};
-    }
+    void begin(uint32_t first_number) { front_next_ = first_number == 1 ? 1 : 0; }
 
     /// Takes the next segment, by rising number; null: it is not sound.
     void take(uint32_t number, const segment_t* segment) {
@@ -104,6 +107,8 @@ public:
         if (segment != nullptr && follows && segment->has_chain() &&
             segment->footer.prev_checksum != last_->checksum)
             fault(number, "does not follow the segment before it");
+        if (segment != nullptr)
+            take_layout(number, segment->layout);
         if (segment == nullptr)
             next_ids_.clear();
         else if (!segment->imported())
@@ -117,6 +122,14 @@ private:
         audit_->faults.push_back("segment " + std::to_string(number) + " " + what);
     }
 
+    /// Who cuts a segment's end off may get one that an older system could have written.
+    void take_layout(uint32_t number, const cjournal_layout_t& layout) {
+        if (layout.event_size < newest_.event_size || layout.footer_size < newest_.footer_size)
+            fault(number, "is in an older layout than one before it");
+        newest_.event_size = std::max(newest_.event_size, layout.event_size);
+        newest_.footer_size = std::max(newest_.footer_size, layout.footer_size);
+    }
+
     /// The oldest may be evicted. Older in number, but not in its events, is what was imported or
     /// spilled alone: it may be left alone at the front.
     void take_gap(uint32_t first, uint32_t last) {
@@ -124,7 +137,7 @@ private:
             audit_->notes.push_back("segments " + range_text(first, last) +
                                     " are gone, and with them all before them but what was spilled "
                                     "alone or imported");
-            alone_next_ = 0;
+            front_next_ = 0;
             return;
         }
         for (uint32_t number = first; number <= last; ++number) {
@@ -174,12 +187,12 @@ private:
         const uint32_t first = segment.header.first_id;
         if (segment.records.size() == 1) {
             alone_.insert(first);
-            if (alone_next_ == 0 || first == alone_next_)
-                alone_next_ = first + 1;
+            if (front_next_ == 0 || first == front_next_)
+                front_next_ = first + 1;
             return;
         }
-        if (alone_next_ != 0 && first > alone_next_)
-            take_missing(number, alone_next_, first - 1);
+        if (front_next_ != 0 && first > front_next_)
+            take_missing(number, front_next_, first - 1);
         begun_ = true;
         next_ids_ = {segment.header.last_id + 1};
     }
@@ -218,9 +231,10 @@ private:
     const accounts_t& accounts_;
     audit_t* audit_;
     uint32_t last_number_ = 0;
+    cjournal_layout_t newest_ = {};  ///< so far, of records and footers
     const segment_t* last_ = nullptr;
     bool begun_ = false;           ///< a segment of the regular row was there
-    uint32_t alone_next_ = 0;      ///< behind the events alone at the front; 0: none
+    uint32_t front_next_ = 0;      ///< behind the events alone at the front; 0: none
     std::set<uint32_t> alone_;     ///< events that were spilled alone
     std::set<uint32_t> next_ids_;  ///< where the next regular segment may begin; empty: anywhere
 };

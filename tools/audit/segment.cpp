@@ -111,6 +111,9 @@ void take_header(view_t file, uint32_t number, segment_t* s) {
     require(
         cjournal_recognise(s->header, number, static_cast<uint32_t>(file.size()), tail, &s->layout),
         "a size that does not fit its header");
+    // Nobody ever wrote these; somebody may have cut a footer off, and with it the chain.
+    require(!s->current_layout() || s->layout.footer_size == CJOURNAL_FOOTER_SIZE,
+            "records of today without today's footer");
 }
 
 void take_records(view_t file, segment_t* s) {
@@ -197,9 +200,7 @@ bool check_signature(const bytes_t* signature, const segment_t& s,
 
 }  // namespace
 
-bool segment_t::current_layout() const {
-    return layout.event_size == CJOURNAL_EVENT_SIZE && layout.footer_size == CJOURNAL_FOOTER_SIZE;
-}
+bool segment_t::current_layout() const { return layout.event_size == CJOURNAL_EVENT_SIZE; }
 
 bool segment_t::has_chain() const { return layout.footer_size >= sizeof(cjournal_footer_v4_t); }
 

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <fstream>
@@ -164,6 +165,10 @@ TEST_F(Audit, NamesWhatIsMissingSwappedOrUnsigned) {
     files.erase(name(3, cjournal_file_t::sidecar));
     EXPECT_EQ(findings().find("seg-00000003.jnl has no sidecar\n"), 0u) << findings();
     files = sound;
+    bytes_t& cut = files[name(3, cjournal_file_t::segment)];
+    cut.resize(cut.size() - CJOURNAL_FOOTER_SIZE);
+    EXPECT_EQ(verdict(), AUDIT_BAD) << "without its footer it would pass for an old one";
+    files = sound;
     files[name(4, cjournal_file_t::signature)].pop_back();
     EXPECT_EQ(verdict(), AUDIT_UNSEALED);
     files = sound;
@@ -189,7 +194,7 @@ TEST_F(Audit, IdentifiersFollowEachOtherUnlessTheJournalAccountsForThem) {
     write(3, {record(9), record(10, "lost 5..6", "cjournal")});
     EXPECT_EQ(verdict(), AUDIT_SOUND) << findings();
     write(2, {record(8)});  // the boot ended before the rest was spilled
-    write(3, {record(9), record(10, "lost 5..7", "cjournal")});
+    write(3, {record(9), record(10, "lost 7..7", "cjournal"), record(11, "lost 5..6", "cjournal")});
     EXPECT_EQ(verdict(), AUDIT_SOUND) << findings();
     write(2, run(7, 8));
     write(3, run(8, 9));
@@ -227,8 +232,7 @@ TEST_F(Audit, AKeyMustBeTheExpectedOne) {
 }
 
 TEST_F(Audit, AStateFileGivesAwayRollbacksAndCutTails) {
-    const std::string path = testing::TempDir() + "vorn-audit-state";
-    std::remove(path.c_str());
+    const std::string path = testing::TempDir() + "vorn-audit-" + std::to_string(getpid());
     const auto compared = [&] {
         audit_t audit = audit_journal(files, {});
         EXPECT_TRUE(state_compare(path, &audit));
