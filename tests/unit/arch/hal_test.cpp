@@ -53,3 +53,13 @@ TEST(Hal, SendsWhenTheTransmitterIsEmptyAndReceivesWhatWaits) {
     EXPECT_EQ(hal_serial_getc(), 0xFF);
     EXPECT_EQ(accesses(), "3fd=7e 3fd=61 3f8=ff ");
 }
+
+TEST(Hal, PowersOffAndResetsByEveryWayAndHaltsWhereNothingAnswers) {
+    machine_reset();
+    EXPECT_THROW(hal_shutdown(), machine_halted);
+    EXPECT_EQ(accesses(), "604=w2000 b004=w2000 ");
+    EXPECT_THROW(hal_reboot(), machine_halted);
+    const std::string reset = accesses();
+    for (const char* way : {" 64=fe ", " cf9=2 ", " cf9=6 "})
+        EXPECT_NE(reset.find(way), std::string::npos) << way;
+}

@@ -38,6 +38,7 @@ TEST(DescriptorTables, SegmentsHaveTheBytesTheProcessorReads) {
     EXPECT_EQ(eight_bytes(gdt[5]), expected[5]);
     EXPECT_EQ(loaded_tables.task_register, 0x2B);
     EXPECT_EQ(tss.ss0, 0x10u);
+    EXPECT_EQ(tss.iomap_base, 104);
 }
 
 TEST(DescriptorTables, GatesStandWhereTheyBelongAndNowhereElse) {

@@ -24,6 +24,11 @@ TEST_F(VirtioNet, StartsWithItsAddress) {
     EXPECT_EQ(machine_texts(), "[net] MAC 52:54:00:12:34:56\n");
     EXPECT_EQ(newest(), "init: MAC 52:54:00:12:34:56");
     EXPECT_EQ(nic.driver_features, 0x20u);
+    machine_texts().clear();
+    net_debug_rxring();
+    EXPECT_EQ(machine_texts(),
+              "[net-rx] last_used=0 used_idx=0 avail_idx=16 free=240 io=0xc040\n"
+              "[net-rx] ISR=0x0\n");
 }
 
 TEST_F(VirtioNet, AFailedStartKeepsNoMemoryAndNoDevice) {
