@@ -2,11 +2,11 @@
 
 #include <algorithm>
 
-#include "kernel/core/endian.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/noise.h"
 #include "kernel/core/string.h"
 #include "kernel/graph/cjournal/format.h"
+#include "kernel/graph/integrity.h"
 
 namespace {
 
@@ -23,6 +23,12 @@ bool journal_agrees(const attest_facts_t& facts) {
         return true;
     return cjournal_record_hash(CAUSAL_HASH_VERSION, record, &hash) &&
            memcmp(hash.bytes, facts.hash, sizeof hash.bytes) == 0;
+}
+
+void hash_archived(const causal_event_t& event, uint8_t out[CAUSAL_HASH_SIZE]) {
+    cjournal_event_t record;
+    compact_event(event, &record);
+    integrity_hash(record, out);
 }
 
 void gather_proof(uint32_t id, attest_facts_t* facts) {
@@ -111,7 +117,7 @@ void attest_gather(uint32_t id, attest_facts_t* facts) {
         if (in_ring)
             causal_event_hash(&facts->event, facts->hash);
         else
-            attest_archived_hash(&facts->event, facts->hash);
+            hash_archived(facts->event, facts->hash);
         facts->in_segment =
             cjournal_segment_for_event(id, &facts->segment) == 0 && journal_agrees(*facts);
     }
@@ -133,26 +139,6 @@ uint32_t attest_resolve_event_id(const char* arg) {
     }
     uint32_t id;
     return safe_parse_uint(arg, &id) == 0 ? id : 0;
-}
-
-void attest_archived_hash(const causal_event_t* event, uint8_t out[32]) {
-    uint8_t input[4 + CAUSAL_SUBSYSTEM_SIZE + CAUSAL_DESC_SIZE + 4 +
-                  CAUSAL_PARENTS_MAX * CAUSAL_HASH_SIZE];
-    uint32_t len = 0;
-    const auto put = [&input, &len](const void* from, uint32_t n) {
-        memcpy(input + len, from, n);
-        len += n;
-    };
-    store_le32(input, event->type);
-    len = 4;
-    put(event->subsystem, static_cast<uint32_t>(strlen(event->subsystem)));
-    put(event->desc, static_cast<uint32_t>(strlen(event->desc)));
-    store_le32(input + len, event->time.wall_ticks);
-    len += 4;
-    const uint32_t parents = std::min<uint32_t>(event->num_parents, CAUSAL_PARENTS_MAX);
-    memset(input + len, 0, parents * CAUSAL_HASH_SIZE);
-    len += parents * CAUSAL_HASH_SIZE;
-    blake2s(out, input, len);
 }
 
 void attest_hex(const uint8_t* bytes, size_t n, char* out, size_t out_size) {

@@ -22,7 +22,7 @@ enum class attest_source : uint8_t { ring, journal, missing };
 struct attest_facts_t {
     attest_source source;
     causal_event_t event;            ///< zero when missing
-    uint8_t hash[CAUSAL_HASH_SIZE];  ///< of a ring event its event hash, else attest_archived_hash
+    uint8_t hash[CAUSAL_HASH_SIZE];  ///< of a ring event its event hash, else integrity_hash
     bool in_segment;                 ///< `segment` holds the event
     uint32_t segment;
     bool is_signed;  ///< `root`, which agrees with the segment's records, has `signature`
@@ -40,11 +40,6 @@ void attest_gather(uint32_t id, attest_facts_t* facts);
 /// The identifier that `arg` stands for: "last" the newest event, "first" the oldest in the journal
 /// (in the ring when that is empty), else a decimal number; 0 for null and for anything else.
 uint32_t attest_resolve_event_id(const char* arg);
-
-/// The hash by which the integrity tools know an event that has left the ring: BLAKE2s-256 over
-/// type and subsystem, description and tick, and 32 zero bytes for each parent. It does not depend
-/// on what was asked before, so two receipts of one event agree.
-void attest_archived_hash(const causal_event_t* event, uint8_t out[32]);
 
 /// Writes at most `n` bytes as lower-case hexadecimal pairs, never more than (out_size - 1) / 2,
 /// always terminated. An `out_size` below 3 or null `bytes` give an empty text; nothing is written

@@ -10,6 +10,7 @@
 #include "kernel/core/task.h"
 #include "kernel/graph/causal_persist.h"
 #include "kernel/graph/cjournal/internal.h"
+#include "kernel/graph/integrity.h"
 
 namespace {
 
@@ -212,6 +213,8 @@ int cjournal_spill_locked(uint32_t count) {
         if (draft->count == 0 || !append_run_locked(draft.get()))
             break;
         cjournal.last_spilled_id = draft->header()->last_id;
+        for (uint32_t i = 0; i < draft->count; i++)
+            integrity_take(draft->records()[i]);
         written += draft->count;
     }
     if (cjournal.segments_written == before.segments_written)

@@ -7,6 +7,7 @@
 #include "kernel/core/task.h"
 #include "kernel/fs/blockfs.h"
 #include "kernel/graph/cjournal/internal.h"
+#include "kernel/graph/integrity.h"
 
 cjournal_state_t cjournal;
 cjournal_writer_t cjournal_writer;
@@ -159,6 +160,7 @@ void cjournal_continue_numbering() {
 
 void cjournal_init() {
     summary_t summary = {};
+    integrity_init();
     causal_set_archive_hooks(nullptr);
     causal_set_spill_hook(nullptr);
     if (!start(&summary))
