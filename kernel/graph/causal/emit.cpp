@@ -30,10 +30,34 @@ struct draft_t {
 
 constexpr uint32_t PAGE = 4096;
 
-/// The byte-wise way of put_text, for a text near the end of a page.
+/// Puts word `i` of a text, without what is behind its terminator: the text's length when it ends
+/// there, else -1.
+[[gnu::always_inline]] inline int32_t put_word(text_word_t* out, uint32_t i, uint32_t word) {
+    if (((word - WORD_LOW_BITS) & WORD_HIGH_BITS) != 0) {
+        // A zero byte, or one above 0x80. Bit 7 of each zero byte, exact up to the lowest:
+        const uint32_t zeros = (word - WORD_LOW_BITS) & ~word & WORD_HIGH_BITS;
+        if (zeros != 0) {
+            out[i].bits = word & ((zeros ^ (zeros - 1)) >> 8);
+            return static_cast<int32_t>(4 * i + static_cast<uint32_t>(__builtin_ctz(zeros)) / 8);
+        }
+    }
+    out[i].bits = word;
+    return -1;
+}
+
+/// put_text for a text that may end with its page: by words up to the last whole one in it.
 template <uint32_t size>
-uint32_t put_bytes(char (&field)[size], const char* src) {
-    uint32_t n = 0;
+[[gnu::noinline]] __attribute__((no_sanitize_address)) uint32_t put_near_end(char (&field)[size],
+                                                                             const char* src) {
+    auto* out = reinterpret_cast<text_word_t*>(field);
+    const auto* in = reinterpret_cast<const text_word_t*>(src);
+    const uint32_t words = (PAGE - reinterpret_cast<uintptr_t>(src) % PAGE) / 4;
+    for (uint32_t i = 0; i < words; i++) {
+        const int32_t length = put_word(out, i, in[i].bits);
+        if (length >= 0)
+            return static_cast<uint32_t>(length);
+    }
+    uint32_t n = 4 * words;
     for (; n < size - 1 && src[n] != '\0'; n++)
         field[n] = src[n];
     return n;
@@ -50,19 +74,12 @@ __attribute__((no_sanitize_address)) uint32_t put_text(char (&field)[size], cons
     for (uint32_t i = 0; i < size / 4; i++)
         out[i].bits = 0;
     if (reinterpret_cast<uintptr_t>(src) % PAGE > PAGE - size)
-        return put_bytes(field, src);
+        return put_near_end(field, src);
 #pragma GCC unroll 20
     for (uint32_t i = 0; i < size / 4; i++) {
-        const uint32_t word = in[i].bits;
-        if (((word - WORD_LOW_BITS) & WORD_HIGH_BITS) != 0) {
-            // A zero byte, or one above 0x80. Bit 7 of each zero byte, exact up to the lowest:
-            const uint32_t zeros = (word - WORD_LOW_BITS) & ~word & WORD_HIGH_BITS;
-            if (zeros != 0) {
-                out[i].bits = word & ((zeros ^ (zeros - 1)) >> 8);
-                return 4 * i + static_cast<uint32_t>(__builtin_ctz(zeros)) / 8;
-            }
-        }
-        out[i].bits = word;
+        const int32_t length = put_word(out, i, in[i].bits);
+        if (length >= 0)
+            return static_cast<uint32_t>(length);
     }
     field[size - 1] = '\0';
     return size - 1;
