@@ -169,6 +169,22 @@ int rename_on_disk(const char* from, const char* to) {
     return blockfs_rename(from, to) == 0 ? 0 : OVERLAY_REFUSED;
 }
 
+bool is_writable_on_disk(const char* path) {
+    struct sys_stat st;
+    return blockfs_stat(path, &st) == 0 && (st.flags & BLOCKFS_READ_ONLY) == 0;
+}
+
+/// Removes the file `to`, whose place `from` takes. What would keep `from` from moving is looked
+/// for first, so that `to` is not lost for nothing.
+int make_place(const char* from, const char* to, bool on_disk) {
+    if (!on_disk)
+        return fs_remove(to) == 0 ? 0 : OVERLAY_CHANGED;
+    char parent[PATH_BYTES];
+    path_parent(from, parent);
+    const bool movable = is_writable_on_disk(from) && is_writable_on_disk(parent);
+    return movable && blockfs_remove(to) == 0 ? 0 : OVERLAY_REFUSED;
+}
+
 }  // namespace
 
 const char* overlay_error_text(int error) {
@@ -346,10 +362,15 @@ int overlay_rename(const char* from, const char* to, vorn_fs_route_t route) {
     if (entry.on_disk != (route == VORN_ROUTE_BLOCK))
         return OVERLAY_ACROSS;
     overlay_stat_t target;
-    if (overlay_stat(to, &target) == 0)
+    const bool exists = overlay_stat(to, &target) == 0;
+    if (exists && (is_directory(entry) || is_directory(target) || target.on_disk != entry.on_disk))
         return OVERLAY_EXISTS;
     if (const int error = check_target(to, route); error != 0)
         return error;
+    if (exists) {
+        if (const int error = make_place(from, to, entry.on_disk); error != 0)
+            return error;
+    }
     if (entry.on_disk)
         return rename_on_disk(from, to);
     return fs_rename(from, to) == 0 ? 0 : OVERLAY_CHANGED;

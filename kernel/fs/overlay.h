@@ -102,6 +102,6 @@ void overlay_close(const overlay_file_t* file);
 /// overlay_remove with all below it.
 [[nodiscard]] int overlay_remove_tree(const char* path);
 
-/// Renames within one filesystem, to a path that does not exist. OVERLAY_ACROSS when `route` leads
-/// to the other one, OVERLAY_EXISTS when `to` exists.
+/// Renames within one filesystem; a file takes the place of another file there. OVERLAY_ACROSS when
+/// `route` leads to the other filesystem, OVERLAY_EXISTS when anything else is at `to`.
 [[nodiscard]] int overlay_rename(const char* from, const char* to, vorn_fs_route_t route);

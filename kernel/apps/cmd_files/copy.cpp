@@ -109,7 +109,7 @@ bool mv_one(copy_t* copy) {
     int error = overlay_rename(copy->from, copy->to, copy->route());
     if (error == 0)
         return true;
-    // A file can be copied over another one, or into the other filesystem.
+    // A file can be copied into the other filesystem, or over one that is there.
     const bool movable = error == OVERLAY_EXISTS || error == OVERLAY_ACROSS;
     if (!movable || overlay_is_directory(copy->from)) {
         const bool about_target =

@@ -179,6 +179,13 @@ TEST_F(Files, AFullDiskOrTreeEndsACopyWithALine) {
     EXPECT_EQ(sh("cp /tmp/r /one"), "");
     EXPECT_EQ(sh("cp /tmp/r /two"), "cp: /two: no space left on the disk\n");
     EXPECT_EQ(sh("rm /two", "write /small x") + faults(), "1 bytes written to /small (disk)\n");
+    ASSERT_EQ(blockfs_set_flags("/one", BLOCKFS_READ_ONLY), 0);
+    EXPECT_NE(sh("mv /one /small"), "");
+    EXPECT_EQ(sh("cat /small"), "x\n");
+    ASSERT_EQ(blockfs_set_flags("/one", 0), 0);
+    EXPECT_EQ(sh("mv /one /small", "mv /small /one"), "");  // takes no room
+    EXPECT_EQ(sh("wc -c /one", "write /small x"),
+              " 1500000 /one\n1 bytes written to /small (disk)\n");
     for (int i = 0; i < FS_NODES_MAX; ++i)
         fs_create_file(("/tmp/" + std::to_string(i)).c_str());
     EXPECT_EQ(sh("touch new"),
