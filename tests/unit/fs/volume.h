@@ -3,6 +3,7 @@
 
 #include <map>
 
+#include "kernel/core/heap_ptr.h"
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/blockfs/format.h"
 #include "tests/machine/kernel.h"
@@ -36,12 +37,23 @@ protected:
         int inode = blockfs_resolve(path);
         if (inode < 0)
             inode = blockfs_create(path, BLOCKFS_FILE);
-        return blockfs_write_file(inode, data.data(), static_cast<uint32_t>(data.size()));
+        return with_data(blockfs_write_file, inode, data);
     }
 
     static int append(const char* path, const bytes_t& data) {
-        return blockfs_append_file(blockfs_resolve(path), data.data(),
-                                   static_cast<uint32_t>(data.size()));
+        return with_data(blockfs_append_file, blockfs_resolve(path), data);
+    }
+
+    /// Hands data over as most of the kernel does, in memory that the device reaches; very short
+    /// and very long ones stay where it does not.
+    static int with_data(int (*call)(int, const void*, uint32_t), int inode, const bytes_t& data) {
+        constexpr size_t SHORT = 4096, LONG = 100000;
+        heap_ptr<uint8_t> copy;
+        if (data.size() > SHORT && data.size() < LONG)
+            copy = heap_ptr<uint8_t>::make(data.size());
+        if (copy)
+            memcpy(copy.get(), data.data(), data.size());
+        return call(inode, copy ? copy.get() : data.data(), static_cast<uint32_t>(data.size()));
     }
 
     /// The whole file; what the stat record says of its size is what can be read.
