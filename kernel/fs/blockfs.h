@@ -91,7 +91,8 @@ int blockfs_create(const char* path, int type);
 /// Records "create %s pid=%d" for each.
 int blockfs_mkdir_p(const char* path);
 
-/// Removes a file or an empty directory; 0. Neither it nor its directory may be read-only.
+/// Removes a file or an empty directory; 0. Neither it nor its directory may be read-only. No
+/// directory is removed while an inode cannot be read, for that may lie in it.
 /// Records "delete %s pid=%d" for a valid path, also when the removal then fails.
 int blockfs_remove(const char* path);
 

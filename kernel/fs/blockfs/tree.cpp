@@ -19,11 +19,18 @@ bool has_entries_locked(uint32_t n) REQUIRES(vofs_lock) {
 }
 
 /// The entry of `path` other than the root, if its directory may be changed.
-uint32_t removable_locked(const char* path) REQUIRES(vofs_lock) {
+uint32_t movable_locked(const char* path) REQUIRES(vofs_lock) {
     const uint32_t n = path_resolve_locked(path);
     if (n == VOFS_NO_INODE || n == 0 || !entry_writable_locked(n))
         return VOFS_NO_INODE;
     return entry_writable_locked(vofs.index[n].parent) ? n : VOFS_NO_INODE;
+}
+
+/// The same, if all is known that may lie in it: an inode that cannot be read may lie anywhere.
+uint32_t removable_locked(const char* path) REQUIRES(vofs_lock) {
+    const uint32_t n = movable_locked(path);
+    const bool known = n == VOFS_NO_INODE || !is_directory_locked(n) || index_complete_locked();
+    return known ? n : VOFS_NO_INODE;
 }
 
 /// Frees inode `n`, then what it reached; the bitmap is still to be flushed.
@@ -97,7 +104,7 @@ int remove_recursive_locked(const char* path) REQUIRES(vofs_lock) {
 
 /// The type of what was renamed, or -1.
 int rename_locked(const char* old_path, const char* new_path) REQUIRES(vofs_lock) {
-    const uint32_t n = removable_locked(old_path);
+    const uint32_t n = movable_locked(old_path);
     vofs_target_t target;
     if (n == VOFS_NO_INODE || !path_target_locked(new_path, &target))
         return -1;
