@@ -15,7 +15,7 @@ constexpr const char* ERRORS[] = {
     "file exists",
     "directory not empty",
     "no disk",
-    "the disk is full, failing, or the entry read-only",
+    "the disk is full or fails, or something in it is read-only",
     "no space left on the disk",
     "out of memory",
     "the RAM filesystem has no entries left until the next start",
@@ -27,6 +27,8 @@ constexpr const char* ERRORS[] = {
     "cannot move a directory to the other filesystem (cp -r copies it)",
     "its directory is on the disk; an absolute path writes there",
     "is the root of the tree",
+    "it or its directory is read-only",
+    "cannot be moved: it or its directory is read-only",
 };
 
 bool is_directory(const overlay_stat_t& entry) { return entry.st.type == SYS_STAT_DIRECTORY; }
@@ -74,13 +76,34 @@ int check_target(const char* path, vorn_fs_route_t route) {
     return overlay_is_directory(parent) ? OVERLAY_NOT_IN_RAM : OVERLAY_NOT_FOUND;
 }
 
+bool is_read_only(const char* path) {
+    struct sys_stat st;
+    return blockfs_stat(path, &st) == 0 && (st.flags & BLOCKFS_READ_ONLY) != 0;
+}
+
+bool is_fixed(const char* path) {
+    char parent[PATH_BYTES];
+    path_parent(path, parent);
+    return is_read_only(path) || is_read_only(parent);
+}
+
+/// Why VoFS refused a change at `path`, as far as it tells.
+int refusal(const char* path) {
+    uint32_t blocks = 1;
+    uint32_t inodes = 1;
+    if (is_fixed(path))
+        return OVERLAY_READ_ONLY;
+    const bool known = blockfs_df(nullptr, nullptr, &blocks, nullptr, nullptr, &inodes) == 0;
+    return known && (blocks == 0 || inodes == 0) ? OVERLAY_NO_SPACE : OVERLAY_REFUSED;
+}
+
 /// Makes the directories on VoFS that `path` needs.
 int make_disk_parents(const char* path) {
     if (!blockfs_mounted())
         return OVERLAY_NO_DISK;
     char parent[PATH_BYTES];
     path_parent(path, parent);
-    return blockfs_mkdir_p(parent) == 0 ? 0 : OVERLAY_REFUSED;
+    return blockfs_mkdir_p(parent) == 0 ? 0 : refusal(parent);
 }
 
 /// A RAM file would hide what was written to VoFS.
@@ -101,9 +124,9 @@ int create_on_disk(const char* path, overlay_file_t* out) {
     out->inode = blockfs_resolve(path);
     if (out->inode < 0) {
         out->inode = blockfs_create(path, BLOCKFS_FILE);
-        return out->inode < 0 ? OVERLAY_REFUSED : 0;
+        return out->inode < 0 ? refusal(path) : 0;
     }
-    return blockfs_write_file(out->inode, "", 0) == 0 ? 0 : OVERLAY_REFUSED;
+    return blockfs_write_file(out->inode, "", 0) == 0 ? 0 : refusal(path);
 }
 
 int create_in_ram(const char* path, uint32_t size, overlay_file_t* out) {
@@ -166,12 +189,9 @@ int remove_ram_tree(const char* top) {
 int rename_on_disk(const char* from, const char* to) {
     if (const int error = make_disk_parents(to); error != 0)
         return error;
-    return blockfs_rename(from, to) == 0 ? 0 : OVERLAY_REFUSED;
-}
-
-bool is_writable_on_disk(const char* path) {
-    struct sys_stat st;
-    return blockfs_stat(path, &st) == 0 && (st.flags & BLOCKFS_READ_ONLY) == 0;
+    if (blockfs_rename(from, to) == 0)
+        return 0;
+    return is_fixed(from) ? OVERLAY_FIXED : refusal(to);
 }
 
 /// Removes the file `to`, whose place `from` takes. What would keep `from` from moving is looked
@@ -179,10 +199,9 @@ bool is_writable_on_disk(const char* path) {
 int make_place(const char* from, const char* to, bool on_disk) {
     if (!on_disk)
         return fs_remove(to) == 0 ? 0 : OVERLAY_CHANGED;
-    char parent[PATH_BYTES];
-    path_parent(from, parent);
-    const bool movable = is_writable_on_disk(from) && is_writable_on_disk(parent);
-    return movable && blockfs_remove(to) == 0 ? 0 : OVERLAY_REFUSED;
+    if (is_fixed(from))
+        return OVERLAY_FIXED;
+    return blockfs_remove(to) == 0 ? 0 : refusal(to);
 }
 
 }  // namespace
@@ -262,7 +281,7 @@ int overlay_write(const char* path, vorn_fs_route_t route, const void* data, uin
     if (const int error = make_disk_parents(path); error != 0)
         return error;
     if (blockfs_replace_file(path, data, len) != 0)
-        return OVERLAY_REFUSED;
+        return refusal(path);
     remove_ram_twin(path);
     return 0;
 }
@@ -283,7 +302,7 @@ int overlay_append(const overlay_file_t* file, const void* data, uint32_t len) {
         return OVERLAY_CHANGED;
     const int count = blockfs_append_file(file->inode, data, len);
     if (count < 0)
-        return OVERLAY_REFUSED;
+        return refusal(file->path);
     return static_cast<uint32_t>(count) == len ? 0 : OVERLAY_NO_SPACE;
 }
 
@@ -308,14 +327,14 @@ int overlay_mkdir(const char* path, vorn_fs_route_t route) {
         return OVERLAY_NOT_FOUND;
     if (const int error = make_disk_parents(path); error != 0)
         return error;
-    return blockfs_create(path, BLOCKFS_DIRECTORY) < 0 ? OVERLAY_REFUSED : 0;
+    return blockfs_create(path, BLOCKFS_DIRECTORY) < 0 ? refusal(path) : 0;
 }
 
 int overlay_touch(const char* path, vorn_fs_route_t route) {
     overlay_stat_t entry;
     if (overlay_stat(path, &entry) == 0) {
         const bool done = !entry.on_disk || blockfs_touch(path) == 0;
-        return done ? 0 : OVERLAY_REFUSED;
+        return done ? 0 : refusal(path);
     }
     if (const int error = check_target(path, route); error != 0)
         return error;
@@ -323,7 +342,7 @@ int overlay_touch(const char* path, vorn_fs_route_t route) {
         return fs_create_file(path) != nullptr ? 0 : OVERLAY_NO_NODES;
     if (const int error = make_disk_parents(path); error != 0)
         return error;
-    return blockfs_create(path, BLOCKFS_FILE) < 0 ? OVERLAY_REFUSED : 0;
+    return blockfs_create(path, BLOCKFS_FILE) < 0 ? refusal(path) : 0;
 }
 
 int overlay_remove(const char* path) {
@@ -337,7 +356,7 @@ int overlay_remove(const char* path) {
     if (blockfs_remove(path) == 0)
         return 0;
     char name[FS_NAME_SIZE + 3];
-    return blockfs_list(path, name, sizeof name) > 0 ? OVERLAY_NOT_EMPTY : OVERLAY_REFUSED;
+    return blockfs_list(path, name, sizeof name) > 0 ? OVERLAY_NOT_EMPTY : refusal(path);
 }
 
 int overlay_remove_tree(const char* path) {
@@ -348,7 +367,7 @@ int overlay_remove_tree(const char* path) {
         return OVERLAY_NOT_FOUND;
     if (!entry.on_disk)
         return remove_ram_tree(path);
-    return blockfs_remove_recursive(path) == 0 ? 0 : OVERLAY_REFUSED;
+    return blockfs_remove_recursive(path) == 0 ? 0 : refusal(path);
 }
 
 int overlay_rename(const char* from, const char* to, vorn_fs_route_t route) {

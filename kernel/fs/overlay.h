@@ -26,8 +26,8 @@ enum overlay_error_t : int {
     OVERLAY_EXISTS = -4,
     OVERLAY_NOT_EMPTY = -5,
     OVERLAY_NO_DISK = -6,   ///< no volume is mounted
-    OVERLAY_REFUSED = -7,   ///< by VoFS: read-only, full, or the device failed
-    OVERLAY_NO_SPACE = -8,  ///< VoFS took a part of the data only
+    OVERLAY_REFUSED = -7,   ///< by VoFS, for a reason that it does not tell
+    OVERLAY_NO_SPACE = -8,  ///< on VoFS, for all of the data or for an entry
     OVERLAY_NO_MEMORY = -9,
     OVERLAY_NO_NODES = -10,  ///< the RAM filesystem's nodes are used up
     OVERLAY_TOO_LONG = -11,  ///< a path or a component
@@ -38,6 +38,8 @@ enum overlay_error_t : int {
     OVERLAY_ACROSS = -16,      ///< a directory cannot move to the other filesystem
     OVERLAY_NOT_IN_RAM = -17,  ///< a RAM write below a directory that only VoFS has
     OVERLAY_IS_ROOT = -18,
+    OVERLAY_READ_ONLY = -19,
+    OVERLAY_FIXED = -20,  ///< the source of a renaming is read-only
 };
 
 /// The words for an OVERLAY_ code.

@@ -103,7 +103,7 @@ const char* disk_why(const char* path) {
         return "the disk fails";
     if (blockfs_resolve(path) < 0 && free_inodes == 0)
         return "no inode is free";
-    return "the disk is full or fails";
+    return free_blocks == 0 ? "the disk is full" : "the disk is full or fails";
 }
 
 bool disk_options(int argc, char** argv, const char* allowed, uint32_t* set, int* first) {

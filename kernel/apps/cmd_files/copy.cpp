@@ -112,8 +112,8 @@ bool mv_one(copy_t* copy) {
     // A file can be copied into the other filesystem, or over one that is there.
     const bool movable = error == OVERLAY_EXISTS || error == OVERLAY_ACROSS;
     if (!movable || overlay_is_directory(copy->from)) {
-        const bool about_target =
-            error != OVERLAY_NOT_FOUND && error != OVERLAY_INSIDE && error != OVERLAY_IS_ROOT;
+        const bool about_target = error != OVERLAY_NOT_FOUND && error != OVERLAY_INSIDE &&
+                                  error != OVERLAY_IS_ROOT && error != OVERLAY_FIXED;
         return file_error(copy->command, about_target ? copy->to : copy->from, error);
     }
     if (!copy_file(*copy))
