@@ -22,7 +22,7 @@
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/blockfs/format.h"
 
-constexpr uint32_t VOFS_RUN_SECTORS = 512;  ///< the longest request, 256 KB
+constexpr uint32_t VOFS_RUN_SECTORS = 512;  ///< of a request by way of our own memory: 256 KB
 constexpr uint32_t VOFS_NO_INODE = 0xFFFFFFFF;
 constexpr uint32_t VOFS_BUCKETS = 256;
 
