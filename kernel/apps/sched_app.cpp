@@ -20,6 +20,7 @@ constexpr size_t TEXT_SIZE = 128;
 struct {
     sched_entry_t pending[SCHED_APP_SLOTS];
     uint32_t caps[SCHED_APP_SLOTS];  ///< of the task that scheduled the line
+    pid_t runner;                    ///< the task
 } state GUARDED_BY(irq_mask);
 
 bool is_slot(int slot) { return slot >= 0 && slot < SCHED_APP_SLOTS; }
@@ -79,6 +80,16 @@ void sched_app_task() {
     }
 }
 
+/// A line that overruns the task's stack ends the task: whoever adds the next one gets a new task.
+void ensure_runner() {
+    const irq_guard guard;
+    const task_t* runner = state.runner != 0 ? task_find_by_pid(state.runner) : nullptr;
+    if (runner != nullptr && runner->state != TASK_DEAD)
+        return;
+    runner = task_create("sched_app", sched_app_task, TASK_PRIORITY);
+    state.runner = runner != nullptr ? runner->pid : 0;
+}
+
 }  // namespace
 
 void sched_app_init() {
@@ -87,12 +98,13 @@ void sched_app_init() {
         const irq_guard guard;
         memset(&state, 0, sizeof state);
     }
-    task_create("sched_app", sched_app_task, TASK_PRIORITY);
+    ensure_runner();
 }
 
 int sched_app_add(uint32_t tick, const char* command) {
     if (timeline_find(TIMELINE) < 0)
         return -1;
+    ensure_runner();
     const int slot = take_slot(tick, command);
     if (slot < 0)
         kprintf("[sched] error: all %d slots full\n", SCHED_APP_SLOTS);
