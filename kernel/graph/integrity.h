@@ -11,8 +11,9 @@
 /// Forgets all hashes.
 void integrity_init();
 
-/// Of a record whose texts are terminated: BLAKE2s-256 over the type (4 bytes, little-endian), subsystem and description without their
-/// terminators, the tick (4 bytes) and, for each parent, its hash in the table.
+/// Of a record whose texts are terminated: BLAKE2s-256 over the type (4 bytes, little-endian),
+/// subsystem and description without their terminators, the tick (4 bytes) and, for each parent,
+/// its hash in the table.
 void integrity_hash(const cjournal_event_t& event, uint8_t out[CAUSAL_HASH_SIZE]);
 
 /// The event leaves the ring: its hash goes into the table, over that of the event that is as many

@@ -1,4 +1,4 @@
-"""From a symptom to its cause: a scheduled command that kills its task, found by every tool."""
+"""A scheduled command kills its task: from the symptom to its cause by every tool."""
 import re
 
 
