@@ -170,6 +170,8 @@ void run_session(session_t* session) {
             result = vorsh_run(&session->script);
         if (result != vorsh_result_t::good)
             (void)report(&session->script, nullptr);
+        else if (session->script.exited)
+            return;
         session->length = 0;
     }
 }

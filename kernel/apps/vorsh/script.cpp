@@ -146,6 +146,7 @@ bool run_line(vorsh_script_t* script, size_t* at) {
                 return false;
             break;
         case vorsh_word_t::exit:
+            script->exited = true;
             next = script->line_count;
             break;
         case vorsh_word_t::command:
@@ -217,6 +218,7 @@ vorsh_result_t vorsh_load(vorsh_script_t* script, const char* text, size_t lengt
 }
 
 vorsh_result_t vorsh_run(vorsh_script_t* script) {
+    script->exited = false;
     for (size_t at = 0; at < script->line_count;) {
         const vorsh_line_t& line = script->lines[at];
         script->error_line = static_cast<uint32_t>(at + 1);

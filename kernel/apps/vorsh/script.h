@@ -61,6 +61,7 @@ struct vorsh_script_t {
     uint32_t* steps_left;  ///< shared with the script that runs this one
     const char* text;
     size_t line_count;
+    bool exited;          ///< the last run came to an "exit"
     uint32_t error_line;  ///< from 1
     char error[VORSH_ERROR_BYTES];
     int argc;
