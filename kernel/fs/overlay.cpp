@@ -137,14 +137,15 @@ int create_in_ram(const char* path, uint32_t size, overlay_file_t* out) {
     return done ? 0 : OVERLAY_NO_MEMORY;
 }
 
-/// Drops from the listing at `names` the lines that `seen` holds; returns how many stay.
+/// Drops from the listing at `names` the lines that `seen` holds, and empty ones, which a line feed
+/// in a name makes; returns how many stay.
 int drop_seen(char* names, std::string_view seen) {
     int count = 0;
     char* end = names;
     for (const char* at = names; *at != '\0';) {
         const char* next = strchr(at, '\n') + 1;
         const std::string_view line(at, static_cast<size_t>(next - at));
-        bool found = false;
+        bool found = line.size() == 1;
         for (std::string_view rest = seen; !rest.empty() && !found;) {
             const auto stop = std::find(rest.begin(), rest.end(), '\n') + 1;
             found = line == std::string_view(rest.begin(), stop);

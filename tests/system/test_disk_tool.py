@@ -99,6 +99,9 @@ def test_what_cannot_be_done_leaves_the_image_as_it_was(image, tmp_path):
         image.run(*words, status=2)
     image.run("get", "/f", "-", status=1, shell='"$@" >/dev/full')
     assert image.digest() == before
+    image.run("put", "-", "/g\n", data=b"")  # a listing cannot show it, and it leads nowhere
+    image.run("tree", status=1)
+    image.run("rm", "/g\n")
     assert sorted(os.listdir(tmp_path)) == ["disk.img"]
     # What fits once the old contents are gone is stored.
     image.run("put", "-", "/f", data=bytes(700 * SECTOR))

@@ -30,7 +30,7 @@ void print_entry(const std::string& name, const struct sys_stat& stat, bool deta
 }
 
 struct count_t {
-    uint32_t directories, files;
+    uint32_t directories, files, unread;
 };
 
 /// Draws what is below `path`; `indent` stands before each line. As deep as paths are long.
@@ -43,6 +43,7 @@ void draw(const std::string& path, const std::string& indent, count_t* count) {
         // A damaged name with a "/" would lead elsewhere.
         if (names[i].find('/') != std::string::npos || blockfs_stat(below.c_str(), &stat) != 0) {
             complain(shown(below) + ": cannot be read");
+            ++count->unread;
             continue;
         }
         printf("%s%s%s%s\n", indent.c_str(), last ? "`-- " : "|-- ", shown(names[i]).c_str(),
@@ -119,7 +120,9 @@ std::vector<std::string> list_names(const std::string& path) {
     }
     for (size_t at = 0; at < text.size();) {
         const size_t end = text.find('\n', at);
-        names.push_back(text.substr(at, end - at));
+        // A name with a line feed in it is two lines, which may be empty.
+        if (end != at)
+            names.push_back(text.substr(at, end - at));
         at = end == std::string::npos ? text.size() : end + 1;
     }
     std::sort(names.begin(), names.end());
@@ -168,7 +171,7 @@ int run_tree(const std::string& image, arguments_t arguments) {
     if (is_directory(stat))
         draw(path, "", &count);
     printf("%u directories, %u files\n", count.directories, count.files);
-    return EXIT_GOOD;
+    return count.unread == 0 ? EXIT_GOOD : EXIT_BAD;
 }
 
 int run_rm(const std::string& image, arguments_t arguments) {

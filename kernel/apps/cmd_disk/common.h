@@ -102,7 +102,7 @@ private:
 
 // --- Directories ---------------------------------------------------------------------------------
 
-/// The names in a directory, sorted.
+/// The names in a directory, sorted. None is empty.
 struct disk_listing_t {
     heap_ptr<char> text;
     heap_ptr<const char*> names;
@@ -111,6 +111,11 @@ struct disk_listing_t {
 
 /// Lists a directory; false after a line when that fails.
 [[nodiscard]] bool disk_list(const char* command, const char* path, disk_listing_t* listing);
+
+/// disk_look at `name` of a listing, in the directory whose path of `length` characters is in
+/// entry->path; false, too, where the path would be too long. A damaged name, such as "..", leads
+/// nowhere else.
+[[nodiscard]] bool disk_look_in(size_t length, const char* name, disk_entry_t* entry);
 
 /// An entry as a walk comes to it.
 struct disk_visit_t {

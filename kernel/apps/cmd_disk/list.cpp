@@ -22,11 +22,10 @@ void list_directory(const char* command, const disk_entry_t& directory, bool det
     disk_listing_t listing;
     if (!disk_list(command, directory.path, &listing))
         return;
+    disk_entry_t entry = directory;
     for (uint32_t i = 0; i < listing.count; ++i) {
-        disk_entry_t entry;
         // One that is gone by now is no error.
-        if (disk_path_join(directory.path, listing.names[i], entry.path, sizeof entry.path) == 0 &&
-            disk_look(entry.path, &entry))
+        if (disk_look_in(strlen(directory.path), listing.names[i], &entry))
             print_entry(entry, listing.names[i], details);
     }
 }

@@ -25,21 +25,25 @@ int list_text(const char* path, heap_ptr<char>* text) {
     return -1;
 }
 
-bool copy_names(const char* text, uint32_t count, disk_listing_t* listing) {
+/// A name with a line feed in it is two lines, which may be empty.
+bool copy_names(const char* text, disk_listing_t* listing) {
     const size_t bytes = strlen(text) + 1;
     listing->text = heap_ptr<char>::make(bytes);
-    listing->names = heap_ptr<const char*>::make(count);
-    if (!listing->text || !listing->names)
+    if (!listing->text)
         return false;
     memcpy(listing->text.get(), text, bytes);
-    char* at = listing->text.get();
-    for (uint32_t i = 0; i < count; ++i) {
-        char* end = strchr(at, '\n');
-        if (end == nullptr)
-            return false;
-        *end = '\0';
-        listing->names[i] = at;
-        at = end + 1;
+    char* end = listing->text.get() + bytes - 1;
+    listing->names = heap_ptr<const char*>::make(
+        static_cast<size_t>(std::count(listing->text.get(), end, '\n')));
+    if (!listing->names)
+        return false;
+    uint32_t count = 0;
+    for (char* at = listing->text.get(); at != end;) {
+        char* stop = std::find(at, end, '\n');
+        if (stop != at)
+            listing->names[count++] = at;
+        *stop = '\0';
+        at = stop + 1;
     }
     std::sort(listing->names.get(), listing->names.get() + count,
               [](const char* a, const char* b) { return strcmp(a, b) < 0; });
@@ -107,17 +111,12 @@ void leave(walk_t* walk) {
     kfree(level);
 }
 
-/// Makes the next name of the directory the entry at hand; false when it cannot be looked at. A
-/// damaged name with a "/" would lead elsewhere.
+/// Makes the next name of the directory the entry at hand; false when it cannot be looked at.
 bool step(walk_t* walk, const char* name) {
     const size_t length = walk->top->length;
-    const char* between = length == 1 ? "" : "/";
-    const size_t room = sizeof walk->entry.path - length;
-    const bool fits = strlen(between) + strlen(name) < room && walk->depth < DISK_DEPTH_MAX;
-    if (fits)
-        ksnprintf(walk->entry.path + length, room, "%s%s", between, name);
-    if (fits && strchr(name, '/') == nullptr &&
-        blockfs_stat(walk->entry.path, &walk->entry.stat) == 0)
+    const bool fits =
+        walk->depth < DISK_DEPTH_MAX && length + 1 + strlen(name) < sizeof walk->entry.path;
+    if (fits && disk_look_in(length, name, &walk->entry))
         return true;
     disk_complain(walk->command, name, fits ? "cannot be read" : "its path is too long");
     cut(walk);
@@ -133,11 +132,20 @@ bool disk_list(const char* command, const char* path, disk_listing_t* listing) {
         disk_complain(command, path, "no memory");
     else if (count < 0)
         disk_complain(command, path, "cannot be read");
-    else if (!copy_names(text.get(), static_cast<uint32_t>(count), listing))
+    else if (!copy_names(text.get(), listing))
         disk_complain(command, path, "no memory");
     else
         return true;
     return false;
+}
+
+bool disk_look_in(size_t length, const char* name, disk_entry_t* entry) {
+    const size_t room = sizeof entry->path - length;
+    const char* between = length == 1 ? "" : "/";
+    if (strchr(name, '/') != nullptr || strlen(between) + strlen(name) >= room)
+        return false;
+    ksnprintf(entry->path + length, room, "%s%s", between, name);
+    return disk_look(entry->path, entry);
 }
 
 void disk_walk(const char* command, const disk_entry_t& root, disk_visit_fn visit_fn,

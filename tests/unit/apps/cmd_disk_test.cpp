@@ -221,9 +221,9 @@ TEST_F(CmdDisk, WalkAsDeepAsPathsGoAndFillDirectories) {
 }
 
 TEST_F(CmdDisk, AreNotLedAstrayByDamagedNames) {
-    run_all({"diskmkdir -p d/e/f", "disktouch d/g d/e/h d/e/f/i"});
-    const char* const names[] = {"d", "e/f", "..", "g\ng", "h", ""};
-    for (uint32_t n = 1; n <= 6; ++n) {
+    run_all({"diskmkdir -p d/e/f", "disktouch d/g d/e/h d/e/f/i r s"});
+    const char* const names[] = {"d", "e/f", "..", "g\ng", "h", "", "", "s\n"};
+    for (uint32_t n = 1; n <= 8; ++n) {
         vofs_inode one = inode(n);
         strcpy(one.name, names[n - 1]);
         put_inode(n, one);
