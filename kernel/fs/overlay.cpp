@@ -15,7 +15,7 @@ constexpr const char* ERRORS[] = {
     "file exists",
     "directory not empty",
     "no disk",
-    "the disk is full or fails, or something in it is read-only",
+    "the disk fails or has too little room",
     "no space left on the disk",
     "out of memory",
     "the RAM filesystem has no entries left until the next start",
@@ -29,6 +29,7 @@ constexpr const char* ERRORS[] = {
     "is the root of the tree",
     "it or its directory is read-only",
     "cannot be moved: it or its directory is read-only",
+    "something in it is read-only, or the disk fails",
 };
 
 bool is_directory(const overlay_stat_t& entry) { return entry.st.type == SYS_STAT_DIRECTORY; }
@@ -368,7 +369,9 @@ int overlay_remove_tree(const char* path) {
         return OVERLAY_NOT_FOUND;
     if (!entry.on_disk)
         return remove_ram_tree(path);
-    return blockfs_remove_recursive(path) == 0 ? 0 : refusal(path);
+    if (blockfs_remove_recursive(path) == 0)
+        return 0;
+    return is_directory(entry) && !is_fixed(path) ? OVERLAY_HOLDS_FIXED : refusal(path);
 }
 
 int overlay_rename(const char* from, const char* to, vorn_fs_route_t route) {

@@ -39,7 +39,8 @@ enum overlay_error_t : int {
     OVERLAY_NOT_IN_RAM = -17,  ///< a RAM write below a directory that only VoFS has
     OVERLAY_IS_ROOT = -18,
     OVERLAY_READ_ONLY = -19,
-    OVERLAY_FIXED = -20,  ///< the source of a renaming is read-only
+    OVERLAY_FIXED = -20,        ///< the source of a renaming is read-only
+    OVERLAY_HOLDS_FIXED = -21,  ///< a tree to be removed
 };
 
 /// The words for an OVERLAY_ code.
