@@ -1,10 +1,16 @@
 // The tools that ask the graph, on a full ring, beside what anybody would write first. One section
 // a tool.
 #include "bench/guest/measure.h"
+#include "kernel/apps/cmd_graph.h"
+#include "kernel/core/interrupt.h"
 #include "kernel/core/string.h"
 #include "kernel/graph/blame.h"
 #include "kernel/graph/causal.h"
+#include "kernel/graph/cbisect.h"
+#include "kernel/graph/cprof.h"
 #include "kernel/graph/epattern.h"
+#include "kernel/graph/eset.h"
+#include "kernel/graph/replay.h"
 #include "kernel/graph/search.h"
 #include "kernel/graph/whatif.h"
 
@@ -12,6 +18,7 @@ namespace {
 
 constexpr uint32_t TASKS = 12;
 constexpr uint32_t SHADOWS = 256;
+constexpr uint32_t TICKS_APART = 32;
 constexpr uint32_t ROOT_BEHIND = 200;  // the oldest events leave while there is measuring
 
 /// A ring of tasks that do things of their own and wake each other, all from one root.
@@ -32,6 +39,7 @@ void fill_ring() {
             ksnprintf(desc, sizeof desc, "page fault at 0x%x", i);
         else
             ksnprintf(desc, sizeof desc, "write file%u len=%u pid=%u", i % 300, 64 * task, task);
+        system_ticks = i * TICKS_APART;
         current[task] = causal_emit(i % 5 == 0 ? CAUSAL_SCHED : CAUSAL_FS, "bench", desc, parents,
                                     i % 5 == 0 ? 2 : 1);
     }
@@ -165,6 +173,124 @@ void measure_pattern() {
     measure("pattern-match-none", 1, [&] { epattern_match(&pattern, nullptr, 32); });
 }
 
+/// A shell command, whose words are at most four.
+void run_command(void (*command)(int, char**), const char* name, const char* first,
+                 const char* second = nullptr) {
+    char words[3][CAUSAL_DESC_SIZE];
+    char* argv[] = {words[0], words[1], words[2]};
+    int argc = 0;
+    for (const char* word : {name, first, second}) {
+        if (word != nullptr)
+            string_copy(words[argc++], word, sizeof words[0]);
+    }
+    command(argc, argv);
+}
+
+constexpr uint32_t PATH_EVENTS = 512;  // how far a path is searched
+
+/// The causes of the newest event, nearest first, each once.
+void naive_path(uint32_t to) {
+    static uint32_t found[PATH_EVENTS];
+    uint32_t count = 1;
+    causal_event_t ev;
+    found[0] = causal_total_events();
+    for (uint32_t head = 0; head < count && count < PATH_EVENTS; ++head) {
+        if (found[head] == to || !causal_copy(found[head], &ev))
+            continue;
+        for (uint32_t i = 0; i < ev.num_parents && count < PATH_EVENTS; ++i) {
+            if (std::find(found, found + count, ev.parents[i]) == found + count)
+                found[count++] = ev.parents[i];
+        }
+    }
+}
+
+void measure_path() {
+    char from[12], to[12];
+    const uint32_t oldest = causal_oldest_event_id() + ROOT_BEHIND / 2;
+    ksnprintf(from, sizeof from, "%u", oldest);
+    ksnprintf(to, sizeof to, "%u", causal_total_events());
+    measure("cpath-across", 1, [&] { run_command(cmd_cpath, "cpath", from, to); });
+    measure("cpath-across-naive", 1, [&] { naive_path(oldest); });
+}
+
+/// Events up to a tick by kind, and the tasks and messages that their texts speak of.
+uint32_t naive_replay(uint32_t tick) {
+    uint32_t kinds[CAUSAL_TYPE_COUNT] = {};
+    uint32_t tasks = 0;
+    causal_event_t ev;
+    for (uint32_t id = causal_oldest_event_id(); id <= causal_total_events(); ++id) {
+        if (!causal_copy(id, &ev) || ev.time.wall_ticks > tick)
+            continue;
+        ++kinds[ev.type];
+        if (ev.type != CAUSAL_SCHED)
+            continue;
+        for (const char* word : {"pri=", "create", "spawn", "exit", "dead", "reap"})
+            tasks += strstr(ev.desc, word) != nullptr ? 1 : 0;
+    }
+    return kinds[CAUSAL_FS] + tasks;
+}
+
+/// The first tick by which `wanted` file operations had happened.
+void naive_bisect(uint32_t wanted) {
+    uint32_t low = 0;
+    for (uint32_t high = system_ticks; low < high;) {
+        const uint32_t middle = low + (high - low) / 2;
+        if (naive_replay(middle) >= wanted)
+            high = middle;
+        else
+            low = middle + 1;
+    }
+}
+
+void measure_replay() {
+    constexpr uint32_t FILE_OPERATIONS = 6000;
+    static replay_snapshot_t snap;
+    measure("replay-at", 1, [] { check("replay", replay_at(system_ticks, &snap)); });
+    measure("replay-at-naive", 1, [] { naive_replay(system_ticks); });
+    measure("cbisect", 1, [] { run_command(cmd_cbisect, "cbisect", "fs", "6000"); });
+    measure("cbisect-naive", 1, [] { naive_bisect(FILE_OPERATIONS); });
+}
+
+/// Edges of the newest events by the kinds that they join, and how long they took.
+void naive_profile(uint32_t window) {
+    static uint32_t edges[CAUSAL_TYPE_COUNT][CAUSAL_TYPE_COUNT];
+    static uint64_t spans[CAUSAL_TYPE_COUNT][CAUSAL_TYPE_COUNT];
+    causal_event_t effect, cause;
+    for (uint32_t id = causal_total_events() - window + 1; id <= causal_total_events(); ++id) {
+        if (!causal_copy(id, &effect))
+            continue;
+        for (uint32_t i = 0; i < effect.num_parents; ++i) {
+            if (!causal_copy(effect.parents[i], &cause))
+                continue;
+            ++edges[cause.type][effect.type];
+            spans[cause.type][effect.type] += effect.time.wall_ticks - cause.time.wall_ticks;
+        }
+    }
+}
+
+void measure_profile() {
+    measure("cprof-8192", 1, [] { run_command(cmd_cprof, "cprof", "8192"); });
+    measure("cprof-8192-naive", 1, [] { naive_profile(8192); });
+}
+
+/// The events of a subsystem, as many as a set holds.
+void naive_set(const char* subsystem) {
+    static eset_t set;
+    causal_event_t ev;
+    set.count = 0;
+    for (uint32_t id = causal_oldest_event_id(); id <= causal_total_events(); ++id) {
+        if (causal_copy(id, &ev) && strcmp(ev.subsystem, subsystem) == 0 && set.count < ESET_MAX)
+            set.ids[set.count++] = id;
+    }
+}
+
+/// Of a subsystem that nobody is in: the walk goes to the end.
+void measure_set() {
+    static eset_t set;
+    measure("eset-by-subsystem", 1, [] { eset_by_subsystem("nobody", &set); });
+    measure("eset-by-subsystem-naive", 1, [] { naive_set("nobody"); });
+}
+
 }  // namespace
 
 void measure_graph() {
@@ -173,4 +299,8 @@ void measure_graph() {
     measure_blame();
     measure_search();
     measure_pattern();
+    measure_path();
+    measure_replay();
+    measure_profile();
+    measure_set();
 }

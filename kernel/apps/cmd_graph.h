@@ -18,10 +18,6 @@ void causal_print_event(const causal_event_t* ev, int indent);
 /// The newest identifiers in the ring, newest first, at most `max`; returns their count.
 int causal_collect_recent_all(uint32_t* ids, int max);
 
-/// `start` and its ancestors, breadth first, each once, with their distances from it; at most
-/// `max`. Returns their count.
-int collect_ancestors(uint32_t start, uint32_t* ids, uint32_t* dists, int max);
-
 /// Copies `src` for a quoted DOT label into `dst` of `size` bytes: quotes and backslashes escaped,
 /// control characters dropped; cut once size - 2 characters are held. Always terminated.
 void cdot_escape(const char* src, char* dst, size_t size);

@@ -1,14 +1,45 @@
 #include "kernel/graph/replay.h"
 
+#include <algorithm>
+
 #include "kernel/core/heap_ptr.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
+#include "kernel/graph/ring_read.h"
 
 namespace {
 
 constexpr uint32_t BYTES_AN_EVENT = 64;
 
 bool says(const char* desc, const char* word) { return strstr(desc, word) != nullptr; }
+
+bool starts(const char* text, const char* word) {
+    while (*word != '\0' && *text == *word) {
+        ++text;
+        ++word;
+    }
+    return *word == '\0';
+}
+
+/// One bit for a letter, which a few other characters share.
+constexpr uint32_t bit_of(char c) { return 1u << (c & 31); }
+
+/// Which of these words stand in a description, word i as bit i. In one pass, because a replay asks
+/// it of most events.
+template <size_t count>
+uint32_t words_in(const char* desc, const char* const (&words)[count]) {
+    uint32_t found = 0;
+    uint32_t initials = 0;
+    for (const char* word : words)
+        initials |= bit_of(*word);
+    for (; *desc != '\0'; ++desc) {
+        for (size_t i = 0; (initials & bit_of(*desc)) != 0 && i < count; ++i) {
+            if (*desc == words[i][0] && starts(desc, words[i]))
+                found |= 1u << i;
+        }
+    }
+    return found;
+}
 
 /// Copies what stands behind `key` up to the next space; false when `key` is not there.
 bool field_value(const char* desc, const char* key, char (&out)[REPLAY_NAME_SIZE]) {
@@ -57,11 +88,14 @@ void remove_task(replay_snapshot_t& snap, const char* desc) {
 }
 
 void count_sched(replay_snapshot_t& snap, const char* desc) {
-    if (says(desc, "pri=") || says(desc, "create") || says(desc, "spawn")) {
+    constexpr const char* WORDS[] = {"pri=", "create", "spawn", "exit", "dead", "reap"};
+    constexpr uint32_t BIRTHS = 0b000111;
+    const uint32_t said = words_in(desc, WORDS);
+    if ((said & BIRTHS) != 0) {
         ++snap.tasks_created;
         add_task(snap, desc);
     }
-    if (says(desc, "exit") || says(desc, "dead") || says(desc, "reap")) {
+    if ((said & ~BIRTHS) != 0) {
         ++snap.tasks_exited;
         remove_task(snap, desc);
     }
@@ -91,23 +125,26 @@ void add_actor(replay_snapshot_t& snap, const char* desc) {
     memcpy(snap.active_actors[snap.active_actor_count++], name, sizeof name);
 }
 
-void remember_recent(replay_snapshot_t& snap, uint32_t id) {
-    if (snap.recent_count == REPLAY_RECENT) {
-        --snap.recent_count;
-        memmove(snap.recent_ids, snap.recent_ids + 1, snap.recent_count * sizeof(uint32_t));
-    }
-    snap.recent_ids[snap.recent_count++] = id;
+/// What a replay looks at.
+struct seen_t {
+    bool counts;  ///< it happened at or before the tick
+    causal_type_t type;
+    char desc[CAUSAL_DESC_SIZE];  ///< of the types that tell by it
+};
+
+bool tells_by_text(causal_type_t type) {
+    return type == CAUSAL_SCHED || type == CAUSAL_MEM || type == CAUSAL_NET || type == CAUSAL_ACTOR;
 }
 
-void count_event(replay_snapshot_t& snap, const causal_event_t& ev) {
-    ++snap.total_events;
-    remember_recent(snap, ev.id);
+/// The recent identifiers stay in a circle until all are there.
+void count_event(replay_snapshot_t& snap, uint32_t id, const seen_t& ev) {
+    snap.recent_ids[snap.total_events++ % REPLAY_RECENT] = id;
     switch (ev.type) {
         case CAUSAL_SCHED:
             count_sched(snap, ev.desc);
             break;
         case CAUSAL_MEM:
-            if (says(ev.desc, "write") || says(ev.desc, "store"))
+            if (words_in(ev.desc, {"write", "store"}) != 0)
                 ++snap.disk_writes;
             else
                 ++snap.disk_reads;
@@ -130,9 +167,11 @@ void count_event(replay_snapshot_t& snap, const causal_event_t& ev) {
     }
 }
 
-/// Event `id` if it is in the ring, copied whole.
-bool copy_from_ring(uint32_t id, causal_event_t* out) {
-    return causal_get_ring(id) != nullptr && causal_copy(id, out);
+void straighten_recent(replay_snapshot_t& snap) {
+    snap.recent_count = std::min(snap.total_events, REPLAY_RECENT);
+    if (snap.total_events > REPLAY_RECENT)
+        std::rotate(snap.recent_ids, snap.recent_ids + snap.total_events % REPLAY_RECENT,
+                    snap.recent_ids + REPLAY_RECENT);
 }
 
 void print_people(const replay_snapshot_t& snap) {
@@ -206,12 +245,19 @@ int replay_at(uint32_t tick, replay_snapshot_t* snap) {
     snap->tick = tick;
     const uint32_t newest = causal_total_events();
     const uint32_t oldest = causal_oldest_event_id();
-    causal_event_t ev;
+    seen_t seen;
+    const auto look = [&seen, tick](const causal_event_t& ev) {
+        seen.counts = ev.time.wall_ticks <= tick;
+        seen.type = ev.type;
+        if (seen.counts && tells_by_text(ev.type))
+            memcpy(seen.desc, ev.desc, sizeof seen.desc);
+    };
     for (uint32_t left = oldest != 0 ? newest - oldest + 1 : 0, id = oldest; left > 0;
          --left, ++id) {
-        if (copy_from_ring(id, &ev) && ev.time.wall_ticks <= tick)
-            count_event(*snap, ev);
+        if (causal_read_ring(id, look) && seen.counts)
+            count_event(*snap, id, seen);
     }
+    straighten_recent(*snap);
     if (snap->tasks_created > snap->tasks_exited)
         snap->tasks_alive = snap->tasks_created - snap->tasks_exited;
     snap->net_bytes_tx = snap->net_tx * BYTES_AN_EVENT;

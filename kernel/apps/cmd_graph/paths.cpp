@@ -9,12 +9,21 @@ graph_work_t graph_work;
 
 namespace {
 
-/// Appends the parents of entry `head` that `ids` does not hold yet, each with `link`.
-int add_parents(uint32_t* ids, uint32_t* links, int count, int max, int head, uint32_t link) {
+/// Begins a walk at `start`.
+void begin_walk(uint32_t start, uint32_t* ids, uint32_t* links) REQUIRES(graph_work_lock) {
+    graph_work.seen.clear();
+    graph_work.seen.add(start);
+    ids[0] = start;
+    links[0] = 0;
+}
+
+/// Appends the parents of entry `head` that the walk has not found yet, each with `link`.
+int add_parents(uint32_t* ids, uint32_t* links, int count, int max, int head, uint32_t link)
+    REQUIRES(graph_work_lock) {
     uint32_t parents[CAUSAL_PARENTS_MAX];
     const int found = causal_parents_of(ids[head], parents);
     for (int i = 0; i < found && count < max; i++) {
-        if (parents[i] == 0 || graph_holds(ids, count, parents[i]))
+        if (!graph_work.seen.add(parents[i]))
             continue;
         ids[count] = parents[i];
         links[count++] = link;
@@ -45,8 +54,7 @@ void print_path(const graph_walk_t& walk, int at) {
 void cpath_search(uint32_t ancestor, uint32_t descendant) {
     mutex_guard lock(graph_work_lock);
     graph_walk_t& walk = graph_work.a;
-    walk.ids[0] = descendant;
-    walk.links[0] = 0;
+    begin_walk(descendant, walk.ids, walk.links);
     int count = 1;
     int reached = -1;
     for (int head = 0; head < count && reached < 0; head++) {
@@ -140,8 +148,7 @@ bool parse_pair(char** args, uint32_t* a, uint32_t* b) {
 int collect_ancestors(uint32_t start, uint32_t* ids, uint32_t* dists, int max) {
     if (max < 1)
         return 0;
-    ids[0] = start;
-    dists[0] = 0;
+    begin_walk(start, ids, dists);
     int count = 1;
     for (int head = 0; head < count && count < max; head++)
         count = add_parents(ids, dists, count, max, head, dists[head] + 1);

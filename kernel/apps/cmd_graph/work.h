@@ -4,6 +4,7 @@
 
 #include "kernel/apps/cmd_graph/common.h"
 #include "kernel/core/mutex.h"
+#include "kernel/graph/id_set.h"
 
 /// A walk's events in the order found; the list is its own queue.
 struct graph_walk_t {
@@ -14,7 +15,13 @@ struct graph_walk_t {
 struct graph_work_t {
     graph_walk_t a;
     graph_walk_t b;
+    id_set_t<WALK_MAX> seen;  ///< what the walk under way has found
 };
 
 extern mutex_t graph_work_lock;
 extern graph_work_t graph_work GUARDED_BY(graph_work_lock);
+
+/// `start` and its ancestors, breadth first, each once, with their distances from it; at most
+/// `max`, which is at most WALK_MAX. Returns their count.
+int collect_ancestors(uint32_t start, uint32_t* ids, uint32_t* dists, int max)
+    REQUIRES(graph_work_lock);
