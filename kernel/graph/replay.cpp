@@ -245,7 +245,7 @@ int replay_at(uint32_t tick, replay_snapshot_t* snap) {
     snap->tick = tick;
     const uint32_t newest = causal_total_events();
     const uint32_t oldest = causal_oldest_event_id();
-    seen_t seen;
+    seen_t seen = {};
     const auto look = [&seen, tick](const causal_event_t& ev) {
         seen.counts = ev.time.wall_ticks <= tick;
         seen.type = ev.type;
