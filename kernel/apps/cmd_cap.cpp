@@ -1,6 +1,7 @@
 #include "kernel/apps/cmd_cap.h"
 
 #include "kernel/core/cap.h"
+#include "kernel/core/guards.h"
 #include "kernel/core/interrupt.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
@@ -82,6 +83,12 @@ void change(bool grant, const char* pid_text, const char* name) {
         kprintf("Revoked %s from pid %d\n", name, pid);
 }
 
+/// Entry `index`, whole: the ring goes on meanwhile.
+cap_audit_entry_t copy_audit(int index) {
+    const irq_guard guard;
+    return *cap_audit_get(index);
+}
+
 void show_audit() {
     const int count = cap_audit_count();
     if (count == 0) {
@@ -90,7 +97,7 @@ void show_audit() {
     }
     kprintf("Recent capability checks:\n");
     for (int i = count > AUDIT_SHOWN ? count - AUDIT_SHOWN : 0; i < count; ++i) {
-        const cap_audit_entry_t entry = *cap_audit_get(i);
+        const cap_audit_entry_t entry = copy_audit(i);
         char names[CAP_NAMES_SIZE];
         cap_format(entry.cap_checked, names);
         kprintf("  T+%-6u pid=%-3d %-7s %-8s \"%s\"\n", entry.tick, entry.pid,

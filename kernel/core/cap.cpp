@@ -97,6 +97,7 @@ void cap_task_init(int pid, int parent_pid) {
     {
         const irq_guard guard;
         state.task_caps[pid] = caps;
+        state.withheld[pid] = 0;  // whoever had the pid may have died within a scope
     }
     char names[CAP_NAMES_SIZE];
     cap_format(caps, names);
