@@ -20,6 +20,7 @@
 #include "kernel/core/memory.h"
 #include "kernel/core/noise.h"
 #include "kernel/core/smp.h"
+#include "kernel/core/string.h"
 #include "kernel/core/task.h"
 #include "kernel/core/tempcap.h"
 #include "kernel/core/version.h"
@@ -31,6 +32,7 @@
 #include "kernel/drivers/keyboard.h"
 #include "kernel/drivers/pci.h"
 #include "kernel/drivers/virtio_blk.h"
+#include "kernel/drivers/virtio_net.h"
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/ramfs.h"
 #include "kernel/graph/actor.h"
@@ -155,6 +157,17 @@ void start_ram_filesystem() {
     kprintf("[boot] RAM filesystem mounted\n");
 }
 
+/// Without a card it is silent.
+void start_network() {
+    constexpr size_t MAC_BYTES = 6;
+    uint8_t mac[MAC_BYTES];
+    char text[18];
+    if (net_init() != 0)
+        return;
+    net_get_mac(mac);
+    kprintf("[boot] VirtIO net ready (MAC %s)\n", format_mac(text, mac));
+}
+
 void start_actors() {
     constexpr pid_t START_UP = 0;
     actor_init();
@@ -230,6 +243,7 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     start_ram_filesystem();
     start_storage();
     start_timer();
+    start_network();
     start_actors();
     hwrng_init();
     noise_init();

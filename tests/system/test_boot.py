@@ -21,9 +21,10 @@ def test_start_reaches_the_prompt(machine, options):
     steps = ["GDT", "IDT", "Interrupt controller", "PMM", "VMM", "Heap", "Causal event graph",
              "Replay engine", "Timeline framework", "PCI bus scanned", "TSS", "PS/2 keyboard",
              "Task manager", "RAM filesystem", "VirtIO block device",
-             "VoFS persistent filesystem", "Timer", "HW RNG", "Noise crypto", "System tasks",
-             "Scheduler active"]
-    assert any(line.startswith("VirtIO block") for line in lines) == options.get("disk", True)
+             "VoFS persistent filesystem", "Timer", "VirtIO net ready (MAC 52:54:00:12:34:56)",
+             "HW RNG", "Noise crypto", "System tasks", "Scheduler active"]
+    for device, name in ("disk", "VirtIO block"), ("net", "VirtIO net"):
+        assert any(line.startswith(name) for line in lines) == options.get(device, True)
     assert [line for line in lines[1:] if "WARNING" not in line] == [
         line for step in steps for line in lines if line.startswith(step)]
     assert one.run("heap selftest").startswith("heap aligned self-test: PASS")
