@@ -126,15 +126,18 @@ void take_records(view_t file, segment_t* s) {
     }
 }
 
-void take_footer(view_t file, uint32_t number, segment_t* s) {
+void take_footer(view_t file, segment_t* s) {
     const view_t footer = file.last(s->layout.footer_size);
     s->checksum = cjournal_checksum(file.first(file.size() - footer.size()));
     s->footer = {};
     std::memcpy(&s->footer, footer.data(), footer.size());
-    require(cjournal_check_footer(s->header, number, s->layout, footer, s->checksum),
-            "a bad footer");
-    require((s->footer.flags & ~CJOURNAL_FLAG_IMPORTED) == 0, "unknown flags");
-    require(number != 1 || s->footer.prev_checksum == 0, "a previous checksum in segment 1");
+}
+
+void check_footer(view_t file, uint32_t number, const segment_t& s) {
+    const view_t footer = file.last(s.layout.footer_size);
+    require(cjournal_check_footer(s.header, number, s.layout, footer, s.checksum), "a bad footer");
+    require((s.footer.flags & ~CJOURNAL_FLAG_IMPORTED) == 0, "unknown flags");
+    require(number != 1 || s.footer.prev_checksum == 0, "a previous checksum in segment 1");
 }
 
 // --- Companions ---
@@ -215,9 +218,8 @@ segment_t check_segment(uint32_t number, const files_t& files, const std::option
     const bytes_t& file = *find(files, number, cjournal_file_t::segment);
     take_header(file, number, &s);
     take_records(file, &s);
-    take_footer(file, number, &s);
+    take_footer(file, &s);
     check_records(s);
-    check_imported(s);
     hash_records(CAUSAL_HASH_VERSION, s, &s.hashes);
     s.root = root_of(s.hashes);
     const bytes_t* sidecar = find(files, number, cjournal_file_t::sidecar);
@@ -228,6 +230,9 @@ segment_t check_segment(uint32_t number, const files_t& files, const std::option
         check_sidecar(*sidecar, number, s);
     if (root != nullptr)
         check_root(*root, number, &s);
+    // After the hashes, which tell what record was changed, as the checksum cannot.
+    check_footer(file, number, s);
+    check_imported(s);
     s.is_signed =
         root != nullptr && check_signature(find(files, number, cjournal_file_t::signature), s, key);
     return s;
