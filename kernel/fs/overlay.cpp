@@ -8,6 +8,9 @@
 
 namespace {
 
+constexpr size_t LIST_BYTES = 2 * FS_LIST_BYTES;  // of both, with a volume of 256 inodes
+constexpr size_t LIST_BYTES_MAX = 8u << 20;
+
 constexpr const char* ERRORS[] = {
     "no such file or directory",
     "is a directory",
@@ -163,6 +166,20 @@ int drop_seen(char* names, std::string_view seen) {
     return count;
 }
 
+/// Lists both filesystems' entries; -1 when `size` bytes may not hold them all: a name that did not
+/// fit is missing only where little room is left.
+int list_into(const char* path, char* buf, size_t size) {
+    buf[0] = '\0';
+    const int in_ram = std::max(fs_list_names(path, buf, size), 0);
+    const size_t length = strlen(buf);
+    char* disk_names = buf + length;
+    if (blockfs_list(path, disk_names, static_cast<int>(size - length)) < 0)
+        *disk_names = '\0';
+    if (strlen(buf) + BLOCKFS_NAME_MAX + 3 > size)
+        return -1;
+    return in_ram + drop_seen(disk_names, {buf, length});
+}
+
 /// Extends `path` to something below it that has nothing below itself, or leaves it.
 int descend_in_ram(char* path) {
     char names[FS_NAME_SIZE + 3];  // room for the first name, however long
@@ -226,21 +243,21 @@ bool overlay_is_directory(const char* path) {
     return overlay_stat(path, &entry) == 0 && is_directory(entry);
 }
 
-int overlay_list(const char* path, char* buf, size_t size) {
-    buf[0] = '\0';
+int overlay_list(const char* path, heap_ptr<char>* text) {
     overlay_stat_t entry;
     if (overlay_stat(path, &entry) != 0)
         return OVERLAY_NOT_FOUND;
     if (!is_directory(entry))
         return OVERLAY_NOT_DIRECTORY;
-    const int in_ram = std::max(fs_list_names(path, buf, size), 0);
-    const size_t length = strlen(buf);
-    char* disk_names = buf + length;
-    if (blockfs_list(path, disk_names, static_cast<int>(size - length)) < 0) {
-        *disk_names = '\0';
-        return in_ram;
+    for (size_t size = LIST_BYTES; size <= LIST_BYTES_MAX; size *= 2) {
+        *text = heap_ptr<char>::make(size);
+        if (!*text)
+            return OVERLAY_NO_MEMORY;
+        const int count = list_into(path, text->get(), size);
+        if (count >= 0)
+            return count;
     }
-    return in_ram + drop_seen(disk_names, {buf, length});
+    return OVERLAY_NO_MEMORY;
 }
 
 int overlay_open(const char* path, overlay_file_t* out) {

@@ -13,6 +13,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "kernel/core/heap_ptr.h"
 #include "kernel/core/sys_stat.h"
 #include "kernel/fs/blockfs.h"
 #include "kernel/fs/path.h"
@@ -65,10 +66,10 @@ struct overlay_file_t {
 /// Whether `path` is a directory.
 bool overlay_is_directory(const char* path);
 
-/// Writes the names of a directory of either filesystem, or of both together, each once and with a
-/// newline, and a terminator; OVERLAY_LIST_BYTES hold every listing. The count of names.
-[[nodiscard]] int overlay_list(const char* path, char* buf, size_t size);
-constexpr size_t OVERLAY_LIST_BYTES = 2 * FS_LIST_BYTES;
+/// The names of a directory of either filesystem, or of both together, each once and with a
+/// newline, and a terminator, in `text`. The count of names; OVERLAY_NO_MEMORY where no text holds
+/// them all.
+[[nodiscard]] int overlay_list(const char* path, heap_ptr<char>* text);
 
 /// Finds a file for overlay_read.
 [[nodiscard]] int overlay_open(const char* path, overlay_file_t* out);

@@ -57,10 +57,8 @@ bool copy_any(copy_t* copy, int depth);
 
 /// Copies what is in the directory `from`; the paths are as before afterwards.
 bool copy_entries(copy_t* copy, int depth) {
-    const auto names = heap_ptr<char>::make(OVERLAY_LIST_BYTES);
-    if (!names)
-        return file_error(copy->command, copy->from, OVERLAY_NO_MEMORY);
-    if (const int count = overlay_list(copy->from, names.get(), OVERLAY_LIST_BYTES); count < 0)
+    heap_ptr<char> names;
+    if (const int count = overlay_list(copy->from, &names); count < 0)
         return file_error(copy->command, copy->from, count);
     const size_t from_length = strlen(copy->from);
     const size_t to_length = strlen(copy->to);

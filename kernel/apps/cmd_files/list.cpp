@@ -33,10 +33,7 @@ struct listing_t {
 
 /// Reads and sorts the names of `path`; 0 or an OVERLAY_ code.
 int read_listing(const char* path, listing_t* out) {
-    out->text = heap_ptr<char>::make(OVERLAY_LIST_BYTES);
-    if (!out->text)
-        return OVERLAY_NO_MEMORY;
-    out->count = overlay_list(path, out->text.get(), OVERLAY_LIST_BYTES);
+    out->count = overlay_list(path, &out->text);
     if (out->count <= 0)
         return out->count;
     out->names = heap_ptr<const char*>::make(static_cast<size_t>(out->count));

@@ -1,5 +1,7 @@
 #include "kernel/apps/cmd_files.h"
 
+#include <algorithm>
+
 #include "kernel/apps/shell.h"
 #include "kernel/drivers/console.h"
 #include "kernel/fs/overlay.h"
@@ -172,6 +174,19 @@ TEST_F(Files, CopiesAndMovesWithinAndBetweenTheFilesystems) {
     EXPECT_EQ(sh("ls /v/b", "ls /"), "f\nbin/\netc/\nhome/\nt/\ntmp/\nv/\n");
     EXPECT_EQ(sh("cat t/onlydisk"), "x\n");
     EXPECT_EQ(faults(), "");
+}
+
+TEST_F(Files, ADirectoryOfAnyLengthIsListedAndCopiedWhole) {
+    vofs_super sb = super();
+    sb.inode_count = 1500;
+    sb.data_start = sb.inode_start + sb.inode_count;
+    put(0, sb);
+    ASSERT_EQ(mount(), 0);
+    sh("mkdir /d");
+    for (int i = 0; i < 600; ++i)
+        sh("touch /d/" + std::string(60, 'n') + std::to_string(i));
+    EXPECT_EQ(sh("cp -r /d /e"), "");
+    EXPECT_EQ(std::ranges::count(sh("ls /e"), '\n'), 600);
 }
 
 TEST_F(Files, AFullDiskOrTreeEndsACopyWithALine) {
