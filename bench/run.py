@@ -34,7 +34,8 @@ LIMITS = {
     "interrupt": (150, "limit"),
 }
 ANSWERS = ("whatif-root", "blame-newest", "search-rebuild", "search-query", "pattern-match-none",
-           "cpath-across", "replay-at", "cbisect", "cprof-8192", "eset-by-subsystem")
+           "cpath-across", "replay-at", "cbisect", "cprof-8192", "eset-by-subsystem",
+           "children-far")
 LIMITS |= {name: (50_000_000, "limit, 50 ms") for name in ANSWERS}
 # name: (peer in the same run, aimed ratio)
 PEERS = {

@@ -291,6 +291,21 @@ void measure_set() {
     measure("eset-by-subsystem-naive", 1, [] { naive_set("nobody"); });
 }
 
+constexpr uint32_t LOOKUPS = 100;
+
+/// Effects mostly follow soon; those of an event that something comes back to lie far apart.
+void measure_children() {
+    static uint32_t found[CSEARCH_EVENTS];
+    const uint32_t near = causal_oldest_event_id() + ROOT_BEHIND;
+    measure("children-near", LOOKUPS, [&] {
+        for (uint32_t id = near; id < near + LOOKUPS; ++id)
+            causal_children_ids(id, found, CSEARCH_EVENTS);
+    });
+    causal_emit(CAUSAL_FS, "bench", "late effect", &near, 1);
+    measure("children-far", 1, [&] { causal_children_ids(near, found, CSEARCH_EVENTS); });
+    measure("children-far-naive", 1, [&] { scan_children(near, found, CSEARCH_EVENTS); });
+}
+
 }  // namespace
 
 void measure_graph() {
@@ -303,4 +318,5 @@ void measure_graph() {
     measure_replay();
     measure_profile();
     measure_set();
+    measure_children();
 }
