@@ -93,8 +93,16 @@ __attribute__((no_sanitize_address)) uint32_t put_text(char (&field)[size], cons
         causal_store.stray = id;
 }
 
-/// Names the parents and tells those that are still in the ring.
-void put_parents(causal_event_t& ev, const draft_t& draft, const uint32_t* current) {
+/// Tells a cause in the ring of the event that names it.
+[[gnu::always_inline]] inline void add_effect(causal_event_t& cause, uint32_t naming) {
+    causal_effects_t& effects = causal_effects[causal_place(cause.id)];
+    uint16_t& link = cause.child_count == 0 ? effects.first : causal_next_naming[effects.last];
+    link = effects.last = static_cast<uint16_t>(naming);
+    cause.child_count++;
+}
+
+/// Names the parents of event `id` and tells those that are still in the ring.
+void put_parents(causal_event_t& ev, uint32_t id, const draft_t& draft, const uint32_t* current) {
     const uint32_t* ids = draft.parent_ids;
     uint32_t count = 0;
     if (ids != nullptr && draft.num_parents > 0) {
@@ -110,7 +118,7 @@ void put_parents(causal_event_t& ev, const draft_t& draft, const uint32_t* curre
     for (uint32_t i = 0; i < count; i++) {
         ev.parents[i] = ids[i];
         if (causal_event_t* parent = causal_in_ring(ids[i]))
-            parent->child_count++;
+            add_effect(*parent, causal_place(id) * CAUSAL_PARENTS_MAX + i);
         else
             note_absent(ids[i]);
     }
@@ -163,7 +171,7 @@ uint32_t record(const draft_t& draft) {
     ev.schema_id = schema.id;
     ev.schema_version = schema.version;
     ev.child_count = 0;
-    put_parents(ev, draft, runner.causal_ctx);
+    put_parents(ev, id, draft, runner.causal_ctx);
     put_payload(ev, draft);
     if (causal_store.event_count < CAUSAL_RING_SLOTS)
         causal_store.event_count++;

@@ -53,13 +53,13 @@ int recent(causal_type_t type, list_t list) {
     return list.count;
 }
 
-/// How many times `ev` names `id` as a parent.
-uint32_t namings(const causal_event_t& ev, uint32_t id) {
+bool names(const causal_event_t& ev, uint32_t id) {
     const uint32_t count = causal_parent_count(ev);
-    uint32_t found = 0;
-    for (uint32_t i = 0; i < count; i++)
-        found += ev.parents[i] == id ? 1 : 0;
-    return found;
+    for (uint32_t i = 0; i < count; i++) {
+        if (ev.parents[i] == id)
+            return true;
+    }
+    return false;
 }
 
 template <typename list_t>
@@ -78,32 +78,41 @@ void add_archived_children(uint32_t event_id, list_t& list) {
     }
 }
 
-/// Whether all effects of `event_id` are in the ring behind it, `namings_left` times named.
-bool effects_are_known(uint32_t event_id, causal_span_t span, uint32_t* namings_left) {
-    const causal_event_t* ev = causal_in_ring(event_id);
-    if (ev == nullptr || (causal_store.stray != 0 && causal_store.stray >= span.oldest))
+/// Follows the namings of `event_id`. False when it is not in the ring, or left it meanwhile, or an
+/// older event may name it, which no chain has.
+template <typename list_t>
+bool follow_namings(uint32_t event_id, list_t& list) {
+    const causal_event_t* cause = causal_in_ring(event_id);
+    const uint32_t oldest = causal_oldest_event_id();
+    if (cause == nullptr || (causal_store.stray != 0 && causal_store.stray >= oldest))
         return false;
-    *namings_left = ev->child_count;
-    return causal_still(*ev, event_id);
+    const uint32_t count = cause->child_count;
+    uint32_t naming = causal_effects[causal_place(event_id)].first;
+    uint32_t before = 0;
+    for (uint32_t i = 0; i < count && !list.full(); i++) {
+        causal_event_t* ev = &causal_ring[naming / CAUSAL_PARENTS_MAX];
+        const uint32_t id = ev->id;
+        naming = causal_next_naming[naming];
+        if (!causal_still(*cause, event_id))
+            return false;
+        if (id <= before)
+            continue;
+        list.add(id, ev);
+        before = id;
+    }
+    return causal_still(*cause, event_id);
 }
 
-/// Ends with the last effect where it is known how many there are: mostly they follow soon.
 template <typename list_t>
 int children(uint32_t event_id, list_t list) {
-    causal_span_t span = causal_ring_span();
-    uint32_t left = UINT32_MAX;
-    const bool known = effects_are_known(event_id, span, &left);
-    if (known)
-        span = {event_id + 1, causal_newest() - event_id};
-    for (uint32_t i = 0; i < span.count && left != 0 && !list.full(); i++) {
-        add_if(list, span.oldest + i, [event_id, &left](const causal_event_t& ev) {
-            const uint32_t found = namings(ev, event_id);
-            left -= found;
-            return found != 0;
-        });
-    }
-    if (!known)
-        add_archived_children(event_id, list);
+    if (follow_namings(event_id, list))
+        return list.count;
+    list.count = 0;
+    const causal_span_t span = causal_ring_span();
+    for (uint32_t i = 0; i < span.count && !list.full(); i++)
+        add_if(list, span.oldest + i,
+               [event_id](const causal_event_t& ev) { return names(ev, event_id); });
+    add_archived_children(event_id, list);
     return list.count;
 }
 

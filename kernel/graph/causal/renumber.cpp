@@ -14,6 +14,21 @@ void shift_id(uint32_t* id, uint32_t delta) {
         *id += delta;
 }
 
+/// Follows the events, which stand `turned` slots further.
+void shift_effects(uint32_t turned) {
+    const auto namings = static_cast<uint16_t>(turned * CAUSAL_PARENTS_MAX);
+    for (causal_effects_t& effects : causal_effects) {
+        effects.first = static_cast<uint16_t>(effects.first + namings);
+        effects.last = static_cast<uint16_t>(effects.last + namings);
+    }
+    for (uint16_t& next : causal_next_naming)
+        next = static_cast<uint16_t>(next + namings);
+    std::rotate(std::begin(causal_effects), std::end(causal_effects) - turned,
+                std::end(causal_effects));
+    std::rotate(std::begin(causal_next_naming), std::end(causal_next_naming) - namings,
+                std::end(causal_next_naming));
+}
+
 void shift_events(uint32_t delta) {
     for (causal_event_t& ev : causal_ring) {
         if (ev.id == 0)
@@ -24,6 +39,7 @@ void shift_events(uint32_t delta) {
     }
     const uint32_t turned = delta % CAUSAL_RING_SLOTS;
     std::rotate(std::begin(causal_ring), std::end(causal_ring) - turned, std::end(causal_ring));
+    shift_effects(turned);
 }
 
 }  // namespace

@@ -12,6 +12,8 @@
 causal_store_t causal_store;
 alignas(64) causal_event_t causal_ring[CAUSAL_RING_SLOTS];
 alignas(64) causal_event_t causal_hydrated[CAUSAL_HYDRATED_SLOTS];
+causal_effects_t causal_effects[CAUSAL_RING_SLOTS];
+uint16_t causal_next_naming[CAUSAL_NAMINGS];
 
 namespace {
 

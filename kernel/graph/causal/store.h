@@ -29,13 +29,28 @@ extern causal_store_t causal_store;
 extern causal_event_t causal_ring[CAUSAL_RING_SLOTS];
 extern causal_event_t causal_hydrated[CAUSAL_HYDRATED_SLOTS];
 
+/// Where the effects of a slot's event stand, `child_count` namings in the order of recording. A
+/// naming is the effect's slot times CAUSAL_PARENTS_MAX plus the place of the cause in `parents`;
+/// those behind `last`, and both without effects, mean nothing. A cause leaves the ring before its
+/// effects do, so that the namings of an event in the ring are in it too.
+struct causal_effects_t {
+    uint16_t first;
+    uint16_t last;
+};
+constexpr uint32_t CAUSAL_NAMINGS = CAUSAL_RING_SLOTS * CAUSAL_PARENTS_MAX;
+static_assert(CAUSAL_NAMINGS == UINT16_MAX + 1);
+
+extern causal_effects_t causal_effects[CAUSAL_RING_SLOTS];
+extern uint16_t causal_next_naming[CAUSAL_NAMINGS];
+
 /// The spill mark was reached: calls the hook, once. Interrupts are masked.
 void causal_tell_spill();
 
+/// The place of identifier `id` in the ring.
+inline uint32_t causal_place(uint32_t id) { return (id - 1) % CAUSAL_RING_SLOTS; }
+
 /// The slot of identifier `id`, whatever it holds.
-inline causal_event_t& causal_slot(uint32_t id) {
-    return causal_ring[(id - 1) % CAUSAL_RING_SLOTS];
-}
+inline causal_event_t& causal_slot(uint32_t id) { return causal_ring[causal_place(id)]; }
 
 /// The newest identifier; 0 when nothing was recorded.
 inline uint32_t causal_newest() { return causal_store.next_id - 1; }

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <map>
 #include <random>
+#include <set>
 
 #include "tests/unit/graph/causal_fixture.h"
 
@@ -285,6 +286,32 @@ TEST_F(CausalArchive, ChildrenComeFromTheRingThenTheArchiveEachOnce) {
     for (uint32_t id = 200; id < 250; id++)
         store(id, 6);
     EXPECT_EQ(children(100, 6).size(), 32u);
+}
+
+TEST_F(Causal, ChildrenAreThoseThatNameTheEventWhateverMovesTheRing) {
+    std::mt19937 random(4);
+    const auto emit_and_compare = [&random](uint32_t count) {
+        for (uint32_t i = 0; i < count; i++) {
+            ids_t causes(random() % 5);
+            for (uint32_t& id : causes)
+                id = causal_total_events() - std::min(causal_total_events(), random() % 5 * i / 4);
+            emit(causes);
+        }
+        std::map<uint32_t, std::set<uint32_t>> wanted;
+        for (uint32_t id = causal_oldest_event_id(); id <= causal_total_events(); id++)
+            for (const uint32_t cause : causal_get_ring(id) ? parents(id) : ids_t{})
+                wanted[cause].insert(id);
+        for (uint32_t i = 1; i < CAUSAL_RING_SLOTS + 5; i += 40) {
+            const uint32_t id = causal_total_events() - std::min(causal_total_events(), i);
+            ASSERT_EQ(children(20000, id), ids_t(wanted[id].begin(), wanted[id].end())) << id;
+        }
+    };
+    emit_and_compare(500);
+    ASSERT_TRUE(causal_renumber(3 * CAUSAL_RING_SLOTS - 7));
+    emit_and_compare(0);
+    emit_and_compare(20000);
+    causal_set_next_id(causal_get_next_id() + 5000);
+    emit_and_compare(3000);
 }
 
 TEST_F(Causal, QueriesByTypeAndTick) {
