@@ -1,6 +1,7 @@
-// The search for a text in lines of any length: the bytes pass one by one through an automaton
-// (Knuth, Morris, Pratt), and a line that was longer than a piece is read once more to be shown.
+// The search for a text in lines of any length: a line that was longer than a piece is read once
+// more to be shown.
 #include "kernel/apps/cmd_disk/common.h"
+#include "kernel/apps/finder.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/drivers/console.h"
@@ -16,9 +17,7 @@ constexpr uint32_t OPTION_INVERT = 8;
 struct grep_t {
     const char* command;
     uint32_t options;
-    char text[SHELL_LINE_BYTES];
-    uint32_t length;
-    uint8_t fallback[SHELL_LINE_BYTES];  ///< longest proper border of the first n + 1 characters
+    finder_t finder;
 };
 
 /// A line that is being read.
@@ -29,29 +28,10 @@ struct line_t {
     bool hit;
 };
 
-constexpr char fold(char c, uint32_t options) {
-    const bool upper = c >= 'A' && c <= 'Z';
-    return (options & OPTION_FOLD) != 0 && upper ? static_cast<char>(c + ('a' - 'A')) : c;
-}
-
-/// How many characters match after `matched` did and `c` follows.
-uint32_t advance(const grep_t& grep, uint32_t matched, char c) {
-    while (matched > 0 && (matched == grep.length || grep.text[matched] != c))
-        matched = grep.fallback[matched - 1];
-    return matched < grep.length && grep.text[matched] == c ? matched + 1 : 0;
-}
-
 void prepare(grep_t* grep, const char* command, const char* text, uint32_t options) {
     grep->command = command;
     grep->options = options;
-    grep->length = static_cast<uint32_t>(string_copy(grep->text, text, sizeof grep->text));
-    for (uint32_t i = 0; i < grep->length; ++i)
-        grep->text[i] = fold(grep->text[i], options);
-    grep->fallback[0] = 0;
-    for (uint32_t i = 1; i < grep->length; ++i) {
-        const uint32_t matched = advance(*grep, grep->fallback[i - 1], grep->text[i]);
-        grep->fallback[i] = static_cast<uint8_t>(matched);
-    }
+    finder_start(&grep->finder, text, (options & OPTION_FOLD) != 0);
 }
 
 /// One file's search.
@@ -102,18 +82,18 @@ void end_line(search_t* search, line_t* line, uint32_t end) {
         if ((options & OPTION_COUNT) == 0)
             print_line(search, *line, end);
     }
-    *line = {end + 1, line->number + 1, 0, search->grep->length == 0};
+    *line = {end + 1, line->number + 1, 0, search->grep->finder.length == 0};
 }
 
 void search_piece(search_t* search, line_t* line, uint32_t length) {
     const grep_t& grep = *search->grep;
     for (uint32_t i = 0; i < length; ++i) {
-        const char c = static_cast<char>(search->reader.data()[i]);
+        const uint8_t c = search->reader.data()[i];
         if (c == '\n') {
             end_line(search, line, search->piece_start + i);
         } else if (!line->hit) {
-            line->matched = advance(grep, line->matched, fold(c, grep.options));
-            line->hit = line->matched == grep.length;
+            line->matched = finder_advance(grep.finder, line->matched, c);
+            line->hit = line->matched == grep.finder.length;
         }
     }
 }
@@ -122,7 +102,7 @@ void search_file(const grep_t& grep, const disk_entry_t& entry, const char* show
     search_t search{&grep, &entry, shown, {}, {}, 0, 0};
     if (!search.reader.open(grep.command, entry))
         return;
-    line_t line{0, 1, 0, grep.length == 0};
+    line_t line{0, 1, 0, grep.finder.length == 0};
     int got = 0;
     uint32_t end = 0;
     while ((got = search.reader.next()) > 0) {

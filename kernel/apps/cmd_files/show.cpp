@@ -3,6 +3,7 @@
 
 #include "kernel/apps/cmd_files.h"
 #include "kernel/apps/cmd_files/common.h"
+#include "kernel/apps/finder.h"
 #include "kernel/core/kprintf.h"
 #include "kernel/core/string.h"
 #include "kernel/drivers/console.h"
@@ -131,30 +132,31 @@ void print_counts(const counts_t& counts, const file_options_t& options, const c
     kprintf(" %s\n", name);
 }
 
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
-
-/// One file on its way through grep: the line being collected, and what was found.
+/// One file on its way through grep, and the line that it is at.
 struct grep_t {
-    const char* text;
+    finder_t finder;
     const file_options_t* options;
     const char* prefix;  ///< before each line: the file's name, or null
-    uint32_t number;     ///< of the line
+    overlay_file_t file;
     uint32_t matches;
-    size_t length;
-    uint8_t line[GREP_LINE_BYTES];
+    uint32_t number, start, length;  ///< of the line; where it begins in the file
+    uint32_t found;                  ///< characters of the text that it ends in so far
+    bool hit;
+    uint8_t line[GREP_LINE_BYTES];  ///< what it begins with
 };
 
-bool grep_matches(const grep_t& grep) {
-    const bool fold = grep.options->has('i');
-    const auto equal = [fold](uint8_t byte, char c) {
-        const char b = static_cast<char>(byte);
-        return fold ? lower(b) == lower(c) : b == c;
-    };
-    const uint8_t* end = grep.line + grep.length;
-    const bool found =
-        grep.text[0] == '\0' ||
-        std::search(&grep.line[0], end, grep.text, grep.text + strlen(grep.text), equal) != end;
-    return found != grep.options->has('v');
+/// A line that is longer than what is kept of it is read once more.
+void print_line(const grep_t& grep) {
+    if (grep.length <= GREP_LINE_BYTES) {
+        file_show({grep.line, grep.length});
+        return;
+    }
+    size_t left = grep.length;
+    (void)file_read_from("grep", grep.file, grep.start, [&left](bytes_t piece) {
+        file_show(piece.first(std::min(left, piece.size())));
+        left -= std::min(left, piece.size());
+        return left > 0;
+    });
 }
 
 void print_match(const grep_t& grep) {
@@ -167,41 +169,55 @@ void print_match(const grep_t& grep) {
         ksnprintf(number, sizeof number, "%u:", grep.number);
         console_write(number);
     }
-    file_show({grep.line, grep.length});
+    print_line(grep);
     console_write("\n");
 }
 
-void grep_end_line(grep_t* grep) {
+void grep_start_line(grep_t* grep, uint32_t start) {
     ++grep->number;
-    if (grep_matches(*grep)) {
+    grep->start = start;
+    grep->length = 0;
+    grep->found = 0;
+    grep->hit = grep->finder.length == 0;
+}
+
+void grep_end_line(grep_t* grep) {
+    if (grep->hit != grep->options->has('v')) {
         ++grep->matches;
         if (!grep->options->has('c'))
             print_match(*grep);
     }
-    grep->length = 0;
+    grep_start_line(grep, grep->start + grep->length + 1);
 }
 
 void grep_piece(grep_t* grep, bytes_t piece) {
     for (const uint8_t byte : piece) {
-        if (byte == '\n')
+        if (byte == '\n') {
             grep_end_line(grep);
-        else if (grep->length < GREP_LINE_BYTES - 1)
-            grep->line[grep->length++] = byte;
+            continue;
+        }
+        if (grep->length < GREP_LINE_BYTES)
+            grep->line[grep->length] = byte;
+        ++grep->length;
+        if (!grep->hit) {
+            grep->found = finder_advance(grep->finder, grep->found, byte);
+            grep->hit = grep->found == grep->finder.length;
+        }
     }
 }
 
 void grep_file(grep_t* grep, const char* typed) {
+    if (!file_open("grep", typed, &grep->file))
+        return;
     grep->number = grep->matches = 0;
-    grep->length = 0;
-    bool ended = true;  // the last line has its line feed
-    const bool good = file_read("grep", typed, [&](bytes_t piece) {
+    grep_start_line(grep, 0);
+    const bool good = file_read_from("grep", grep->file, 0, [grep](bytes_t piece) {
         grep_piece(grep, piece);
-        ended = piece.back() == '\n';
         return true;
     });
     if (!good)
         return;
-    if (!ended)
+    if (grep->length > 0)  // the last line lacks its line feed
         grep_end_line(grep);
     if (!grep->options->has('c'))
         return;
@@ -277,10 +293,10 @@ void cmd_grep(int argc, char** argv) {
         kprintf("grep: %s\n", overlay_error_text(OVERLAY_NO_MEMORY));
         return;
     }
+    finder_start(&grep->finder, argv[options.first], options.has('i'));
+    grep->options = &options;
     const int first = options.first + 1;
     for (int i = first; i < argc; ++i) {
-        grep->text = argv[options.first];
-        grep->options = &options;
         grep->prefix = argc - first > 1 ? argv[i] : nullptr;
         grep_file(grep.get(), argv[i]);
     }

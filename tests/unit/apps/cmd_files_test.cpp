@@ -148,6 +148,9 @@ TEST_F(Files, ShowsPartsOfLargeFiles) {
     EXPECT_EQ(sh("grep -ci \"LINE 4\" /large"), "1111\n");
     EXPECT_EQ(sh("grep -n \"line 4095x\" /large /etc/motd"),
               "/large:4096:" + from_line(4095).substr(0, from_line(4095).find('\n') + 1));
+    const std::string line = std::string(9000, 'l') + "nneedLe";
+    fill_ram("/tmp/line", "needle\n" + line + "\nx");
+    EXPECT_EQ(sh("grep -in needle /tmp/line"), "1:needle\n2:" + line + "\n");
     fill_ram("/tmp/open", "a\nb\n\nlast");
     EXPECT_EQ(sh("tail -2 /tmp/open", "grep -v a /tmp/open"), "\nlast\nb\n\n");
     EXPECT_EQ(sh("wc /tmp/open /home"),
