@@ -23,14 +23,13 @@ void cmd_tail(int argc, char** argv);
 /// `wc [-l] [-w] [-c] name...`: lines, words and bytes, with a total for several files.
 void cmd_wc(int argc, char** argv);
 
-/// `grep [-i] [-n] [-v] [-c] text name...`: the lines that hold a text. A line is cut at 1023
-/// bytes.
+/// `grep [-i] [-n] [-v] [-c] text name...`: the lines, of any length, that hold a text.
 void cmd_grep(int argc, char** argv);
 
 /// `cp [-r] from... to`: copies files, with -r directories.
 void cmd_cp(int argc, char** argv);
 
-/// `mv from... to`: moves or renames.
+/// `mv from... to`: moves or renames; a file takes the place of a file that exists.
 void cmd_mv(int argc, char** argv);
 
 /// `more name...`, `less name...`: a page at a time: space, Enter, b back, q ends.

@@ -118,6 +118,11 @@ int execute_file(const char* path, int argc, char** argv) {
 void run_named(int argc, char** argv) {
     char path[PATH_BYTES];
     shell_make_path(argv[1], path, sizeof path);
+    // A text that fills the buffer may have been cut.
+    if (strlen(path) == sizeof path - 1) {
+        (void)report_file(argv[1], OVERLAY_TOO_LONG);
+        return;
+    }
     path_normalize(path);
     (void)execute_file(path, argc - 1, argv + 1);
 }
