@@ -93,17 +93,27 @@ bool copy_any(copy_t* copy, int depth) {
     return copy_entries(copy, depth + 1);
 }
 
+/// Whether both paths are one, which a line then says.
+bool is_same(const copy_t& copy) {
+    overlay_stat_t entry;
+    if (strcmp(copy.from, copy.to) != 0)
+        return false;
+    const bool exists = overlay_stat(copy.from, &entry) == 0;
+    (void)file_error(copy.command, copy.from, exists ? OVERLAY_SAME : OVERLAY_NOT_FOUND);
+    return true;
+}
+
 bool cp_one(copy_t* copy) {
-    if (strcmp(copy->from, copy->to) == 0)
-        return file_error(copy->command, copy->from, OVERLAY_SAME);
+    if (is_same(*copy))
+        return false;
     if (path_is_below(copy->to, copy->from) && overlay_is_directory(copy->from))
         return file_error(copy->command, copy->from, OVERLAY_INSIDE);
     return copy_any(copy, 0);
 }
 
 bool mv_one(copy_t* copy) {
-    if (strcmp(copy->from, copy->to) == 0)
-        return file_error(copy->command, copy->from, OVERLAY_SAME);
+    if (is_same(*copy))
+        return false;
     int error = overlay_rename(copy->from, copy->to, copy->route());
     if (error == 0)
         return true;

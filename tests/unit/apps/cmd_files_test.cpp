@@ -112,7 +112,7 @@ TEST_F(Files, EveryErrorIsOneLine) {
         {"cp /tmp/f /docs/a /tmp/f", "cp: /tmp/f: not a directory\n"},
         {"mv /docs /tmp",
          "mv: /tmp/docs: cannot move a directory to the other filesystem (cp -r copies it)\n"},
-        {"mv none /tmp", "mv: /none: no such file or directory\n"},
+        {"mv none .", "mv: /none: no such file or directory\n"},
         {"mv /etc etc/x", "mv: /etc: cannot be put into itself\n"},
     };
     for (const auto& [line, wanted] : cases)
