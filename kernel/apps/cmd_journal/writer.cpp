@@ -75,7 +75,14 @@ void journal_spill(int argc, char** argv) {
     int count = argc > 1 ? atoi(argv[1]) : 0;
     if (count <= 0)
         count = SPILL_DEFAULT;
-    kprintf("Spilled %d events to disk.\n", cjournal_spill(count));
+    const int spilled = cjournal_spill(count);
+    kprintf("Spilled %d events to disk.\n", spilled);
+    // The command itself left an event to write.
+    if (spilled == 0)
+        kprintf("journal spill: %s\n",
+                cjournal_state()->disk_available
+                    ? "no segment could be written: the disk is full or fails"
+                    : "no disk");
 }
 
 void journal_spill_through(int argc, char** argv) {

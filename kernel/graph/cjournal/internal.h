@@ -146,6 +146,9 @@ struct cjournal_draft_t {
     std::span<uint8_t> piece() { return {reinterpret_cast<uint8_t*>(tree), sizeof tree}; }
 };
 
+/// Makes the journal's directory where there is none.
+void cjournal_make_directory();
+
 /// Writes the draft's records as segment `segment`: companions first, the segment file last, each
 /// as one step. 0; -1 when a write failed, with nothing of the segment left.
 [[nodiscard]] int write_segment_locked(uint32_t segment, cjournal_draft_t* draft, uint32_t flags)

@@ -67,8 +67,14 @@ int cjournal_write_companions_locked(uint32_t segment, cjournal_draft_t* draft) 
     return replace_file(segment, cjournal_file_t::root, &draft->root, sizeof draft->root);
 }
 
+void cjournal_make_directory() {
+    if (blockfs_resolve(CJOURNAL_DIR) < 0)
+        blockfs_create(CJOURNAL_DIR, BLOCKFS_DIRECTORY);
+}
+
 int write_segment_locked(uint32_t segment, cjournal_draft_t* draft, uint32_t flags) {
     uint32_t checksum = 0;
+    cjournal_make_directory();  // somebody may have removed it
     const uint32_t size = seal_segment_locked(segment, draft, flags, &checksum);
     const bool written = remove_file(segment, cjournal_file_t::signature) &&
                          cjournal_write_companions_locked(segment, draft) == 0 &&

@@ -43,11 +43,6 @@ constexpr causal_archive_hooks_t ARCHIVE_HOOKS = {fetch_archived, find_archived_
 
 bool volume_is_there() { return blockfs_resolve("/") >= 0; }
 
-void make_directory() {
-    if (blockfs_resolve(CJOURNAL_DIR) < 0)
-        blockfs_create(CJOURNAL_DIR, BLOCKFS_DIRECTORY);
-}
-
 void reset_locked() REQUIRES(cjournal_lock) {
     memset(&cjournal, 0, sizeof cjournal);
     memset(&cjournal_writer, 0, sizeof cjournal_writer);
@@ -115,7 +110,7 @@ bool start_locked() REQUIRES(cjournal_lock) {
         return false;
     }
     cjournal.disk_available = true;
-    make_directory();
+    cjournal_make_directory();
     const bool unnamed = cjournal_recover_locked();
     if ((unnamed || !cjournal_load_index_locked()) && rebuild_index_locked() < 0) {
         kprintf("[cjournal] WARNING: the segments cannot be read — journal disabled\n");
