@@ -21,25 +21,35 @@ bool starts(const char* text, const char* word) {
     return *word == '\0';
 }
 
-/// One bit for a letter, which a few other characters share.
-constexpr uint32_t bit_of(char c) { return 1u << (c & 31); }
-
-/// Which of these words stand in a description, word i as bit i. In one pass, because a replay asks
-/// it of most events.
+/// At most 32 words to look for in a description, and which of them begin with a letter (or with
+/// the few other characters that share its place).
 template <size_t count>
-uint32_t words_in(const char* desc, const char* const (&words)[count]) {
-    uint32_t found = 0;
-    uint32_t initials = 0;
-    for (const char* word : words)
-        initials |= bit_of(*word);
-    for (; *desc != '\0'; ++desc) {
-        for (size_t i = 0; (initials & bit_of(*desc)) != 0 && i < count; ++i) {
-            if (*desc == words[i][0] && starts(desc, words[i]))
-                found |= 1u << i;
-        }
+struct words_t {
+    const char* words[count];
+    uint32_t by_initial[32] = {};
+
+    template <typename... word_t>
+    consteval explicit words_t(word_t... list) : words{list...} {
+        static_assert(count <= 32);
+        for (size_t i = 0; i < count; ++i)
+            by_initial[words[i][0] & 31] |= 1u << i;
     }
-    return found;
-}
+    /// Which of them stand in `desc`, word i as bit i. In one pass, because a replay asks it of
+    /// most events.
+    uint32_t in(const char* desc) const {
+        uint32_t found = 0;
+        for (; *desc != '\0'; ++desc) {
+            for (uint32_t left = by_initial[*desc & 31]; left != 0; left &= left - 1) {
+                const auto i = static_cast<uint32_t>(__builtin_ctz(left));
+                if (starts(desc, words[i]))
+                    found |= 1u << i;
+            }
+        }
+        return found;
+    }
+};
+template <typename... word_t>
+words_t(word_t...) -> words_t<sizeof...(word_t)>;
 
 /// Copies what stands behind `key` up to the next space; false when `key` is not there.
 bool field_value(const char* desc, const char* key, char (&out)[REPLAY_NAME_SIZE]) {
@@ -88,9 +98,9 @@ void remove_task(replay_snapshot_t& snap, const char* desc) {
 }
 
 void count_sched(replay_snapshot_t& snap, const char* desc) {
-    constexpr const char* WORDS[] = {"pri=", "create", "spawn", "exit", "dead", "reap"};
+    static constexpr words_t WORDS("pri=", "create", "spawn", "exit", "dead", "reap");
     constexpr uint32_t BIRTHS = 0b000111;
-    const uint32_t said = words_in(desc, WORDS);
+    const uint32_t said = WORDS.in(desc);
     if ((said & BIRTHS) != 0) {
         ++snap.tasks_created;
         add_task(snap, desc);
@@ -99,6 +109,14 @@ void count_sched(replay_snapshot_t& snap, const char* desc) {
         ++snap.tasks_exited;
         remove_task(snap, desc);
     }
+}
+
+void count_mem(replay_snapshot_t& snap, const char* desc) {
+    static constexpr words_t WRITES("write", "store");
+    if (WRITES.in(desc) != 0)
+        ++snap.disk_writes;
+    else
+        ++snap.disk_reads;
 }
 
 void count_net(replay_snapshot_t& snap, const char* desc) {
@@ -144,10 +162,7 @@ void count_event(replay_snapshot_t& snap, uint32_t id, const seen_t& ev) {
             count_sched(snap, ev.desc);
             break;
         case CAUSAL_MEM:
-            if (words_in(ev.desc, {"write", "store"}) != 0)
-                ++snap.disk_writes;
-            else
-                ++snap.disk_reads;
+            count_mem(snap, ev.desc);
             break;
         case CAUSAL_FS:
             ++snap.fs_ops;
