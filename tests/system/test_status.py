@@ -57,6 +57,12 @@ def test_the_system_describes_itself_and_wrong_arguments_get_one_line(machine, d
     assert len(one.run("ptree").splitlines()) == 1 + len(names)
     assert re.search(r"CPU 0: active=Y  current=shell\(\d+\)  switches=\d+  \[busy\]\n",
                      one.run("cpu"))
+    regions = re.findall(r"  0x(\w{8}) - 0x(\w{8}) +(\d+) KB", one.run("memmap x"))
+    ends = [(int(first, 16), int(last, 16) + 1) for first, last, _ in regions]
+    assert [end for _, end in ends[:-1]] == [start for start, _ in ends[1:]] and ends[0][0] == 0
+    assert [(end - start) // 1024 for start, end in ends] == [int(size) for *_, size in regions]
+    counts = re.findall(r"(?m)^ [ \d]\d +(\d+) +\d+  \S|^ +(\d+) +\d+  TOTAL", one.run("irqstat"))
+    assert sum(int(count or 0) for count, _ in counts) == int(counts[-1][1]) > 0
     report = one.run("digest")
     assert len(report) > 1000 and "  All systems nominal.\n" in report
     for section, title in [("tasks", "TASKS"), ("net", "NETWORK"), ("causal", "CAUSAL GRAPH")]:
