@@ -228,6 +228,7 @@ int causal_recent_ids(causal_type_t type, uint32_t* ids, int max);
 int causal_query_range(uint32_t start_tick, uint32_t end_tick, causal_event_t** out, int max);
 
 /// Events that name `event_id` as a parent: ring, oldest first, then at most 32 archived ones.
+/// Takes as long as its answer for an event in the ring, a look at every event for another.
 int causal_query_children(uint32_t event_id, causal_event_t** out, int max);
 int causal_children_ids(uint32_t event_id, uint32_t* ids, int max);
 
