@@ -1,5 +1,8 @@
 #include "kernel/apps/sched_app.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "kernel/apps/shell.h"
 #include "kernel/core/cap.h"
 #include "kernel/core/guards.h"
@@ -68,7 +71,8 @@ void fire(const sched_entry_t& entry, uint32_t caps) {
     char text[TEXT_SIZE];
     ksnprintf(text, sizeof text, "executed: %s", entry.command);
     timeline_emit(timeline_find(TIMELINE), NOTED, nullptr, 0, text);
-    causal_event_fmt(CAUSAL_SHELL, "sched", "fired: %s", entry.command);
+    ksnprintf(text, sizeof text, "fired: %s", entry.command);
+    causal_emit(CAUSAL_SHELL, "sched", text, nullptr, 0);
     const cap_limit_scope limited(caps);
     shell_exec_unattended(entry.command);
 }
@@ -80,13 +84,19 @@ void sched_app_task() {
     }
 }
 
-/// A line that overruns the task's stack ends the task: whoever adds the next one gets a new task.
-void ensure_runner() {
-    const irq_guard guard;
+bool runner_lives() REQUIRES(irq_mask) {
     const task_t* runner = state.runner != 0 ? task_find_by_pid(state.runner) : nullptr;
-    if (runner != nullptr && runner->state != TASK_DEAD)
-        return;
-    runner = task_create("sched_app", sched_app_task, TASK_PRIORITY);
+    return runner != nullptr && runner->state != TASK_DEAD;
+}
+
+bool any_pending() REQUIRES(irq_mask) {
+    return std::any_of(std::begin(state.pending), std::end(state.pending),
+                       [](const sched_entry_t& entry) { return entry.active; });
+}
+
+void start_runner() {
+    const task_t* runner = task_create("sched_app", sched_app_task, TASK_PRIORITY);
+    const irq_guard guard;
     state.runner = runner != nullptr ? runner->pid : 0;
 }
 
@@ -98,13 +108,21 @@ void sched_app_init() {
         const irq_guard guard;
         memset(&state, 0, sizeof state);
     }
-    ensure_runner();
+    start_runner();
+}
+
+void sched_app_revive() {
+    const irq_guard guard;
+    if (runner_lives() || !any_pending())
+        return;
+    start_runner();
+    // Each line brings its own limits, so the task may do everything, as the first one.
+    (void)cap_grant(state.runner, CAP_ALL);
 }
 
 int sched_app_add(uint32_t tick, const char* command) {
     if (timeline_find(TIMELINE) < 0)
         return -1;
-    ensure_runner();
     const int slot = take_slot(tick, command);
     if (slot < 0)
         kprintf("[sched] error: all %d slots full\n", SCHED_APP_SLOTS);

@@ -21,6 +21,10 @@ struct sched_entry_t {
 /// Makes the timeline "schedule", clears the slots and starts the task "sched_app". Start-up.
 void sched_app_init();
 
+/// A line that overruns the task's stack ends the task: gives the lines that wait a new one. Of the
+/// boot task, whenever it idles.
+void sched_app_revive();
+
 /// Schedules a line, cut at 127 characters; one whose tick has passed runs at the next tick. The
 /// slot's number; -1 without the timeline or, with a line about it, when all slots are in use.
 [[nodiscard]] int sched_app_add(uint32_t tick, const char* command);

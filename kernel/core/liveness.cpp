@@ -44,8 +44,9 @@ int add(const char* name, uint32_t interval, pid_t task) {
     liveness_entry_t* entry = &state.entries[state.entry_count++];
     *entry = {{}, interval, system_ticks, LIVENESS_ALIVE, true};
     string_copy(entry->name, name, sizeof entry->name);
-    causal_event_fmt(CAUSAL_USER, "liveness", "register name=%s interval=%u", entry->name,
-                     interval);
+    char text[CAUSAL_DESC_SIZE];  // causal_event_fmt would cut the longest
+    ksnprintf(text, sizeof text, "register name=%s interval=%u", entry->name, interval);
+    causal_emit(CAUSAL_USER, "liveness", text, nullptr, 0);
     return 0;
 }
 

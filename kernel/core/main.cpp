@@ -270,8 +270,11 @@ void kernel_main(uint32_t magic, multiboot_info_t* info) {
     kprint_text(WELCOME_BOX);
     kprintf("\n");
     task_set_priority(task_getpid(), IDLE_PRIORITY);
-    idle_task();
-    __builtin_unreachable();
+    for (;;) {
+        sched_app_revive();
+        task_yield();
+        task_idle_wait();
+    }
 }
 
 void kernel_shutdown(bool reboot) {
