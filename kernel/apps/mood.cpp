@@ -76,6 +76,10 @@ void transition_to(mood_t mood) REQUIRES(irq_mask) {
 // Before the text of an event that an earlier boot left; it keeps that boot's tick.
 constexpr std::string_view RESTORED = "[R] ";
 
+bool is_restored(const causal_event_t& ev) {
+    return strncmp(ev.desc, RESTORED.data(), RESTORED.size()) == 0;
+}
+
 /// What the count of faults needs of an event.
 struct glimpse_t {
     uint32_t tick, type;
@@ -85,8 +89,7 @@ struct glimpse_t {
 /// False for an event that cannot be read.
 bool glimpse(uint32_t id, glimpse_t* out) {
     const bool whole = causal_read_ring(id, [out](const causal_event_t& ev) {
-        *out = {ev.time.wall_ticks, ev.type, causal_is_fault(ev.desc),
-                strncmp(ev.desc, RESTORED.data(), RESTORED.size()) == 0};
+        *out = {ev.time.wall_ticks, ev.type, causal_is_fault(ev.desc), is_restored(ev)};
     });
     return whole && out->type < CAUSAL_TYPE_COUNT;
 }
@@ -162,7 +165,7 @@ void diagnose_type(uint32_t type, diagnosis_t* out) {
         causal_event_t ev;
         if (!causal_copy(ids[i], &ev))
             continue;
-        fresh += now - ev.time.wall_ticks <= HOT_TICKS ? 1 : 0;
+        fresh += !is_restored(ev) && now - ev.time.wall_ticks <= HOT_TICKS ? 1 : 0;
         if (ev.id <= out->fault_id || !causal_is_fault(ev.desc))
             continue;
         out->fault_id = ev.id;
