@@ -81,7 +81,7 @@ void journal_spill(int argc, char** argv) {
     if (spilled == 0)
         kprintf("journal spill: %s\n",
                 cjournal_state()->disk_available
-                    ? "no segment could be written: the disk is full or fails"
+                    ? "no segment could be written: the disk is full, read-only or fails"
                     : "no disk");
 }
 
