@@ -52,7 +52,9 @@ char* strrchr(const char* s, int c);
 char* strstr(const char* haystack, const char* needle);
 
 /// Skips spaces, takes one optional sign, then decimal digits; no digits yield 0. An overflow
-/// wraps. (<algorithm> brings the C library's declaration of it; this one must not contradict it.)
+/// wraps. (<algorithm> brings the C library's declaration of it, which this one must not
+/// contradict, and its inline body, which does not link here: no file calls this and includes
+/// that.)
 int atoi(const char*);  // NOLINT(readability-redundant-declaration)
 
 /// The message of an error code 0..12; any other value is "unknown error".

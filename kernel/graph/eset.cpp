@@ -1,6 +1,6 @@
 #include "kernel/graph/eset.h"
 
-#include <algorithm>
+#include <utility>
 
 #include "kernel/core/heap_ptr.h"
 #include "kernel/core/kprintf.h"
@@ -12,17 +12,30 @@
 namespace {
 
 bool holds(const eset_t* set, uint32_t id) {
-    return std::find(set->ids, set->ids + set->count, id) != set->ids + set->count;
+    for (int i = 0; i < set->count; ++i) {
+        if (set->ids[i] == id)
+            return true;
+    }
+    return false;
 }
 
-/// The archived part of eset_by_subsystem: what is older than event `oldest` of the ring.
-void add_archived(const char* name, uint32_t oldest, eset_t* out) {
+/// Adds `id` to a set whose members fall.
+void add_falling(eset_t* set, uint32_t id) {
+    eset_add(set, id);
+    for (int at = set->count - 1; at > 0 && set->ids[at - 1] < set->ids[at]; --at)
+        std::swap(set->ids[at - 1], set->ids[at]);
+}
+
+/// The archived part of eset_by_subsystem: what is older than all that the ring gave. A segment may
+/// hold one event from the middle of another.
+void add_archived(const char* name, eset_t* out) {
     const auto records = heap_ptr<cjournal_event_t>::make(ESET_MAX);
+    const uint32_t end = out->count != 0 ? out->ids[out->count - 1] : UINT32_MAX;
     int count = records ? cjournal_query_subsystem(name, records.get(), ESET_MAX) : 0;
     while (count-- > 0) {
         const uint32_t id = records[static_cast<size_t>(count)].id;
-        if (id < oldest || oldest == 0)
-            eset_add(out, id);
+        if (id < end)
+            add_falling(out, id);
     }
 }
 
@@ -52,7 +65,8 @@ bool build_subsystem(char** words, eset_t* out) {
 }
 
 bool build_range(char** words, eset_t* out) {
-    eset_by_range(causal_parse_uint(words[0]), causal_parse_uint(words[1]), out);
+    eset_by_range(static_cast<uint32_t>(atoi(words[0])), static_cast<uint32_t>(atoi(words[1])),
+                  out);
     return true;
 }
 
@@ -146,7 +160,7 @@ void eset_by_subsystem(const char* name, eset_t* out) {
             eset_add(out, id);
     }
     if (out->count < ESET_MAX)
-        add_archived(name, oldest, out);
+        add_archived(name, out);
 }
 
 void eset_by_range(uint32_t start, uint32_t end, eset_t* out) {

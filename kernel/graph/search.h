@@ -1,8 +1,7 @@
 // The search index: from the words of event descriptions to the events. A word is a run of letters,
 // digits and "_", in lower case (ASCII letters only), cut at 15 characters; an event gives its
-// first
-// 16. The index holds 256 words, the first ones met, and for each the 64 oldest events that have
-// it; what comes later is not found. It is built at start-up and when asked for, not kept up.
+// first 16. The index holds 256 words, the first ones met, and for each the 64 oldest events that
+// have it; what comes later is not found. It is built at start-up and when asked for, not kept up.
 //
 // Task context. One mutex guards the index; it stands above the journal's.
 #pragma once

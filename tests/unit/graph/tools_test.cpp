@@ -70,7 +70,7 @@ TEST_F(Tools, TheSetCommandsPrintWhatTheyFind) {
               "  #2    [shell ] shell            ls /\n  --- 1 event(s) ---\n");
     EXPECT_EQ(run(cmd_eset, {"union", "shell", "shell"}), run(cmd_eset, {"type", "shell"}));
     EXPECT_EQ(run(cmd_eset, {"intersect", "sched", "shell"}), "  (empty set)\n");
-    EXPECT_EQ(run(cmd_eset, {"range", "10", "-5"}), "  (empty set)\n");
+    EXPECT_EQ(run(cmd_eset, {"range", "-5", "10"}), "  (empty set)\n");
     EXPECT_EQ(run(cmd_eset, {"count", "shell"}), "2 event(s)\n");
     EXPECT_EQ(run(cmd_eset, {"diff", "no", "nor"}), "unknown type: no\n");
     EXPECT_EQ(run(cmd_eset, {"range", "1"}), "usage: eset range <start> <end>\n");
