@@ -170,6 +170,7 @@ int whatif_impact_locked(int branch, whatif_impact_t* out) {
 
 int whatif_run_drop_locked(uint32_t event_id, bool quiet, whatif_impact_t* out) {
     whatif_quiet_scope scope(quiet);
+    *out = {};
     const int branch = whatif_branch_locked(event_id, "drop analysis");
     if (branch < 0)
         return -1;
