@@ -20,6 +20,7 @@
 constexpr int EPATTERN_STEPS = 4;
 constexpr uint32_t EPATTERN_WINDOW = 512;  ///< newest events that a match may start at
 constexpr int EPATTERN_WATCHERS = 4;
+constexpr uint32_t EPATTERN_RECORDED = 16;  ///< matches of a watcher in a check that get an event
 constexpr int EPATTERN_ANY = -1;
 constexpr uint32_t EPATTERN_REPEAT = 1;   ///< flag: one or more events
 constexpr uint32_t EPATTERN_NEGATED = 2;  ///< flag: the types are the wrong ones
@@ -70,8 +71,10 @@ constexpr int EPATTERN_NO_TASK = -2;  ///< no memory for the task
 /// Copies the watcher in slot 0..3; false when there is none.
 [[nodiscard]] bool epattern_get_watcher(int slot, epattern_watcher_t* out);
 
-/// Counts for each watcher the sequences that were completed since it was last looked at, and
-/// records "watcher %d matched #%u..#%u", which follows the sequence's last event, for each. Events
+/// Counts for each watcher the sequences that were completed since it was last looked at. For each
+/// of the first EPATTERN_RECORDED it records "watcher %d matched #%u..#%u", which follows the
+/// sequence's last event, and for the rest one "watcher %d matched %u more up to #%u", so that a
+/// pattern that fits everything does not push the history that it is about out of the ring. Events
 /// of this module are no part of a sequence here, so that watching leads to no more of it. A
 /// sequence that spans more than 256 identifiers may be missed.
 void epattern_check();

@@ -10,8 +10,15 @@ constexpr uint32_t CHECK_TICKS = 100;
 constexpr int TASK_PRIORITY = 6;
 constexpr uint32_t STRIDE = EPATTERN_WINDOW / 2;  // a sequence of that length is never missed
 
+/// What a watcher found in the check under way.
+struct found_t {
+    uint32_t count;
+    uint32_t newest;  ///< the last event of the last sequence
+};
+
 struct watch_state_t {
     epattern_watcher_t watchers[EPATTERN_WATCHERS];
+    found_t found[EPATTERN_WATCHERS];
     bool task_runs;
 };
 
@@ -45,11 +52,27 @@ void count_new(epattern_watcher_t& watcher, int slot, uint32_t after) REQUIRES(e
         if (last <= after)
             return true;
         ++watcher.match_count;
+        found_t& found = state.found[slot];
+        found.newest = last;
+        if (++found.count > EPATTERN_RECORDED)
+            return true;
         causal_set_current(last);
         causal_event_fmt(CAUSAL_USER, "epattern", "watcher %d matched #%u..#%u", slot,
                          match.event_ids[0], last);
         return true;
     });
+}
+
+/// Records for each watcher how many sequences it found beyond those recorded by themselves.
+void record_rest() REQUIRES(epattern_lock) {
+    for (int slot = 0; slot < EPATTERN_WATCHERS; slot++) {
+        const found_t& found = state.found[slot];
+        if (found.count <= EPATTERN_RECORDED)
+            continue;
+        causal_set_current(found.newest);
+        causal_event_fmt(CAUSAL_USER, "epattern", "watcher %d matched %u more up to #%u", slot,
+                         found.count - EPATTERN_RECORDED, found.newest);
+    }
 }
 
 /// The newest event that every watcher has been shown; UINT32_MAX without watchers.
@@ -113,9 +136,12 @@ void epattern_check() {
         return;
     // What left the ring since is not looked at any more.
     from = std::max(from, causal_oldest_event_id() - 1);
+    for (found_t& found : state.found)
+        found = {};
     while (from < newest) {
         const uint32_t end = newest - from > STRIDE ? from + STRIDE : newest;
         show(from, end);
         from = end;
     }
+    record_rest();
 }
