@@ -46,13 +46,13 @@ bool start_task() REQUIRES(epattern_lock) {
 }
 
 /// Counts the matches in the window whose last event is newer than `after`.
-void count_new(epattern_watcher_t& watcher, int slot, uint32_t after) REQUIRES(epattern_lock) {
-    epattern_each(watcher.pattern, [&watcher, slot, after](const epattern_match_t& match) {
+void count_new(epattern_watcher_t& watcher, found_t& found, int slot, uint32_t after)
+    REQUIRES(epattern_lock) {
+    epattern_each(watcher.pattern, [&watcher, &found, slot, after](const epattern_match_t& match) {
         const uint32_t last = match.event_ids[match.num_events - 1];
         if (last <= after)
             return true;
         ++watcher.match_count;
-        found_t& found = state.found[slot];
         found.newest = last;
         if (++found.count > EPATTERN_RECORDED)
             return true;
@@ -92,7 +92,7 @@ void show(uint32_t from, uint32_t end) REQUIRES(epattern_lock) {
         epattern_watcher_t& watcher = state.watchers[slot];
         if (!watcher.active || watcher.last_checked >= end)
             continue;
-        count_new(watcher, slot, std::max(from, watcher.last_checked));
+        count_new(watcher, state.found[slot], slot, std::max(from, watcher.last_checked));
         watcher.last_checked = end;
     }
 }
