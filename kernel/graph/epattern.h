@@ -20,7 +20,7 @@
 constexpr int EPATTERN_STEPS = 4;
 constexpr uint32_t EPATTERN_WINDOW = 512;  ///< newest events that a match may start at
 constexpr int EPATTERN_WATCHERS = 4;
-constexpr uint32_t EPATTERN_RECORDED = 16;  ///< matches of a watcher in a check that get an event
+constexpr uint32_t EPATTERN_RECORDED = 256;  ///< matches of a watcher in a check that get an event
 constexpr int EPATTERN_ANY = -1;
 constexpr uint32_t EPATTERN_REPEAT = 1;   ///< flag: one or more events
 constexpr uint32_t EPATTERN_NEGATED = 2;  ///< flag: the types are the wrong ones
